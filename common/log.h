@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef PENSTOCK_COMMON_LOG_H_
+#define PENSTOCK_COMMON_LOG_H_
+
+#include <array>
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <ios>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "common/function_name.h"
+#include "penstock/host/logger.h"
+#include "penstock/host/request_id.h"
+#include "penstock/log_proxy.h"
+
+// The integers that a stream writes as numbers, bool and the characters left out.
+template <class T>
+concept LogInteger = std::same_as<T, int> || std::same_as<T, unsigned> || std::same_as<T, long> ||
+    std::same_as<T, unsigned long> || std::same_as<T, long long> ||
+    std::same_as<T, unsigned long long>;
+
+// Streams pieces into one record. Texts, integers and addresses, which are nearly all pieces, go
+// straight into the record's buffer; anything else through its own stream operator. What a piece
+// looks like is the same either way; a stream's locale and flags take no part in it.
+class LogPieces {
+ public:
+  explicit LogPieces(std::ostringstream&& record) : m_out(record) {}
+
+  template <class T>
+  LogPieces& operator<<(const T& piece) {
+    if constexpr (std::same_as<T, bool>) {
+      Put(piece ? "1" : "0");
+    } else if constexpr (LogInteger<T>) {
+      std::array<char, 24> digits;
+      PutDigits(digits, std::to_chars(digits.data(), digits.data() + digits.size(), piece).ptr);
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      Put(piece);
+    } else if constexpr (std::same_as<T, const void*>) {
+      PutAddress(piece);
+    } else {
+      m_out << piece;
+    }
+    return *this;
+  }
+
+ private:
+  void PutAddress(const void* address) {
+    if (address == nullptr) {
+      Put("0");
+      return;
+    }
+    std::array<char, 24> digits{'0', 'x'};
+    const auto value = reinterpret_cast<std::uintptr_t>(address);
+    PutDigits(digits,
+              std::to_chars(digits.data() + 2, digits.data() + digits.size(), value, 16).ptr);
+  }
+
+  void PutDigits(const std::array<char, 24>& digits, const char* end) {
+    Put({digits.data(), static_cast<std::size_t>(end - digits.data())});
+  }
+
+  // As a stream's own insertion: a failure, memory exhaustion included, marks the stream and is not
+  // thrown, because logging never fails towards its caller.
+  void Put(std::string_view text) {
+    if (!m_out.good()) return;
+    try {
+      const auto size = static_cast<std::streamsize>(text.size());
+      if (m_out.rdbuf()->sputn(text.data(), size) == size) return;
+    } catch (...) {  // NOLINT(bugprone-empty-catch): marked below
+    }
+    m_out.setstate(std::ios_base::badbit);
+  }
+
+  std::ostringstream& m_out;
+};
+
+// The address of an object, as a piece.
+inline const void* Address(const void* object) { return object; }
+
+// A flag as a word, as a piece.
+inline const char* Word(bool flag) { return flag ? "true" : "false"; }
+
+// Writes one record at `level` under the name `label`. The request id is fetched before the prefix.
+#define PENSTOCK_LOG_AS(level, label, pieces)                                                   \
+  do {                                                                                          \
+    static constexpr auto kLogLabel = CutFunctionName(label);                                   \
+    const std::uint64_t logRequestId = *TSP_RequestID.get();                                    \
+    LogPieces(                                                                                  \
+        LogProxy(level, GetMsgPrefix(), logRequestId, std::string(kLogLabel.View()), __LINE__)) \
+        << 0 << pieces; /* NOLINT(bugprone-macro-parentheses): a chain of insertions */         \
+  } while (false)
+
+// Writes one record at `level` under the name of the enclosing function. A macro, because that name
+// is the compiler's pretty-function text of the place where the statement stands.
+#define PENSTOCK_LOG(level, pieces) PENSTOCK_LOG_AS(level, __PRETTY_FUNCTION__, pieces)
+
+#endif  // PENSTOCK_COMMON_LOG_H_
