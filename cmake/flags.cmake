@@ -13,6 +13,10 @@ if(PENSTOCK_SANITIZE)
     -fsanitize=${PENSTOCK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(penstock_flags INTERFACE -fsanitize=${PENSTOCK_SANITIZE})
 endif()
+if(PENSTOCK_FUZZ)
+  # Coverage of every file guides the fuzzer; the harnesses link its main program.
+  target_compile_options(penstock_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # What the library itself is also compiled with, when its coverage is measured.
 add_library(penstock_coverage INTERFACE)

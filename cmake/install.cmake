@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 set(penstock_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/penstock)
 set(penstock_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(TARGETS penstock penstock_host EXPORT penstock
+install(TARGETS penstock penstock_host penstock_host_support EXPORT penstock
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT penstock NAMESPACE penstock:: DESTINATION ${penstock_cmake_dir}

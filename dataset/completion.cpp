@@ -62,6 +62,10 @@ DS_ERROR Dataset::FinalizeBuffer(const InternalData& d) {
 }
 
 DS_ERROR Dataset::NotifyBufferReady(const PipeCompressedData& c) {
+  return NotifyBufferReady(PipeCompressedData(c));
+}
+
+DS_ERROR Dataset::NotifyBufferReady(PipeCompressedData&& c) {
   PENSTOCK_LOG(LOG_INFO, "DS: " << Address(this) << " N: " << m_dsNum
                                 << " is ready to transmit, vol Num: " << c.origBuffers.size()
                                 << ", total size: " << c.totalBufs);
@@ -69,7 +73,7 @@ DS_ERROR Dataset::NotifyBufferReady(const PipeCompressedData& c) {
     PENSTOCK_LOG(LOG_ERROR, "Finalize buffer is not empty N: " << m_dsNum);
     return kBufferAlreadyWaiting;
   }
-  const InternalData* first = nullptr;
+  const InternalData* first = nullptr;  // the unit's key
   for (const auto& [volume, bufs] : c.origBuffers) {
     m_finalizedBufs.reserve(m_finalizedBufs.size() + bufs.size());
     for (const InternalData& buf : bufs) {
@@ -83,7 +87,7 @@ DS_ERROR Dataset::NotifyBufferReady(const PipeCompressedData& c) {
   }
   if (m_finalizedBufs.empty()) PENSTOCK_LOG(LOG_INFO, "Finalize buffer is empty N: " << m_dsNum);
   m_compressedDataNum.fetch_add(1);
-  m_compressedBufs.emplace_back(first == nullptr ? InternalData{} : *first, c);
+  m_compressedBufs.emplace_back(first == nullptr ? InternalData{} : *first, std::move(c));
   PENSTOCK_LOG(LOG_DEBUG,
                "Pushed " << m_compressedDataNum.load() << " compressed data to xmit buf.");
   m_xmitCb();
@@ -120,7 +124,9 @@ void Dataset::NotifyRecvBuffers() {
       ++unit.totalBufs;
     }
   }
-  NotifyBufferReady(unit);
+  // The unit is handed over whole: a copy of a large dataset's descriptors would be made for
+  // nothing.
+  NotifyBufferReady(std::move(unit));
 }
 
 std::int32_t Dataset::MarkHasBuffers() {

@@ -46,7 +46,8 @@ DS_ERROR Dataset::AddRemoteFingerprint(const InternalData& buf, const BufFingerp
 DS_ERROR Dataset::ResyncHandleFingerprints(InternalData buf, const BufFingerprint& fp,
                                            ResyncFingerprintsMap& mine,
                                            const ResyncFingerprintsMap& other,
-                                           std::string otherName) {
+                                           // NOLINTNEXTLINE(performance-unnecessary-value-param)
+                                           std::string otherName) {  // the interface's form
   PENSTOCK_LOG(LOG_INFO, "DS: " << Address(this) << " N: " << m_dsNum << "  adding " << fp
                                 << " to buffer " << buf);
   if (mine.contains(buf)) {

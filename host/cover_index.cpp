@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <limits>
-#include <tuple>
 #include <utility>
 
 namespace {
@@ -35,25 +34,32 @@ void RemoveAt(Array& values, std::size_t count, std::size_t at) {
             begin + static_cast<std::ptrdiff_t>(at));
 }
 
-using Spans = std::array<Span, 32>;
+constexpr std::size_t kWidth = 32;  // entries of a leaf, children of an inner node
+constexpr std::size_t kNodeBytes = kWidth * 3 * sizeof(std::uint64_t);
+using Numbers = std::array<std::uint64_t, kWidth>;
 
-// The first of `count` sorted spans that starts at or after `start`.
-std::size_t FirstFrom(const Spans& spans, std::size_t count, std::uint64_t start) {
-  const auto end = spans.begin() + static_cast<std::ptrdiff_t>(count);
-  return static_cast<std::size_t>(std::lower_bound(spans.begin(), end, Span{start, 0}) -
-                                  spans.begin());
+// How many of `count` sorted numbers are below `value`. Halving without branches: which way it goes
+// is a coin toss for the processor, and a wrong guess costs more than the step.
+std::size_t CountBelow(const Numbers& numbers, std::size_t count, std::uint64_t value) {
+  const std::uint64_t* base = numbers.data();
+  for (std::size_t n = count; n > 0;) {
+    const std::size_t half = (n + 1) / 2;
+    base += base[half - 1] < value ? half : 0;
+    n -= half;
+  }
+  return static_cast<std::size_t>(base - numbers.data());
 }
 
-// The first of `count` sorted spans above `span`.
-std::size_t FirstAbove(const Spans& spans, std::size_t count, const Span& span) {
-  const auto end = spans.begin() + static_cast<std::ptrdiff_t>(count);
-  return static_cast<std::size_t>(std::upper_bound(spans.begin(), end, span) - spans.begin());
+// How many of `count` sorted numbers are not above `value`.
+std::size_t CountUpTo(const Numbers& numbers, std::size_t count, std::uint64_t value) {
+  const bool isLast = value == std::numeric_limits<std::uint64_t>::max();
+  return isLast ? count : CountBelow(numbers, count, value + 1);
 }
 
 // Where a full node splits when `next` is on its way into it. Spans that arrive in rising order
 // leave nearly full nodes behind, not halves.
-std::size_t SplitPoint(const Spans& spans, std::size_t count, const Span& next) {
-  return next >= spans[count - 1] ? count - 1 : count / 2;
+std::size_t SplitPoint(const Numbers& starts, std::uint64_t next) {
+  return next >= starts.back() ? kWidth - 1 : kWidth / 2;
 }
 
 }  // namespace
@@ -70,66 +76,77 @@ class CoverIndex::Node {
   // Adds an entry below. REQUIRES: not full.
   virtual void Insert(const Span& span, Item item) = 0;
   // Moves the upper entries to a new right neighbour. REQUIRES: full.
-  virtual std::unique_ptr<Node> Split(const Span& next) = 0;
-  virtual void EraseCovered(const Span& span, Item keep,
+  virtual std::unique_ptr<Node> Split(std::uint64_t next) = 0;
+  // Returns whether anything was taken out.
+  virtual bool EraseCovered(const Span& span, Item keep,
                             std::list<InternalData>& items) noexcept = 0;
-  // The smallest end below; the largest number when empty.
-  virtual std::uint64_t MinEnd() const = 0;
   // Gives away the only child of an inner node that has no other; null otherwise.
   virtual std::unique_ptr<Node> TakeOnlyChild() { return nullptr; }
 
-  // The lowest span below. REQUIRES: not empty.
-  Span Low() const { return m_spans[0]; }
+  // The lowest start below. REQUIRES: not empty.
+  std::uint64_t Low() const { return m_starts[0]; }
+  // The smallest end below. REQUIRES: not empty.
+  std::uint64_t MinEnd() const {
+    return *std::min_element(m_ends.begin(), m_ends.begin() + static_cast<std::ptrdiff_t>(m_count));
+  }
+  // Asks for the whole node at once. An insertion reads and writes most of a node's cache lines,
+  // and one after the other they would cost a miss each.
+  void Prefetch() const {
+    const char* line = reinterpret_cast<const char*>(this);
+    for (std::size_t at = 0; at < kNodeBytes; at += 64) __builtin_prefetch(line + at, 1);
+  }
+
   bool IsEmpty() const { return m_count == 0; }
-  bool IsFull() const { return m_count == m_spans.size(); }
+  bool IsFull() const { return m_count == kWidth; }
 
  protected:
-  // Of a leaf: the entries' spans. Of an inner node: the lowest span below each child.
-  Spans m_spans;
+  // Of a leaf: the entries' starts. Of an inner node: the lowest start below each child.
+  Numbers m_starts;
+  // Of a leaf: the entries' ends. Of an inner node: the smallest end below each child.
+  Numbers m_ends;
   std::size_t m_count = 0;
 };
 
 class CoverIndex::Leaf final : public Node {
  public:
   void Insert(const Span& span, Item item) override {
-    const std::size_t at = FirstAbove(m_spans, m_count, span);
-    InsertAt(m_spans, m_count, at, span);
+    const std::size_t at = CountUpTo(m_starts, m_count, span.start);
+    InsertAt(m_starts, m_count, at, span.start);
+    InsertAt(m_ends, m_count, at, span.end);
     InsertAt(m_items, m_count, at, item);
     ++m_count;
   }
 
-  std::unique_ptr<Node> Split(const Span& next) override {
+  std::unique_ptr<Node> Split(std::uint64_t next) override {
     auto right = std::make_unique<Leaf>();
-    const std::size_t split = SplitPoint(m_spans, m_count, next);
-    MoveTail(m_spans, split, m_count, right->m_spans);
+    const std::size_t split = SplitPoint(m_starts, next);
+    MoveTail(m_starts, split, m_count, right->m_starts);
+    MoveTail(m_ends, split, m_count, right->m_ends);
     MoveTail(m_items, split, m_count, right->m_items);
     right->m_count = m_count - split;
     m_count = split;
     return right;
   }
 
-  void EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
-    std::size_t i = FirstFrom(m_spans, m_count, span.start);
-    while (i < m_count && m_spans[i].start <= span.end) {
-      if (!span.Covers(m_spans[i]) || m_items[i] == keep) {
+  bool EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
+    const std::size_t before = m_count;
+    std::size_t i = CountBelow(m_starts, m_count, span.start);
+    while (i < m_count && m_starts[i] <= span.end) {
+      if (m_ends[i] > span.end || m_items[i] == keep) {
         ++i;
         continue;
       }
       items.erase(m_items[i]);
-      RemoveAt(m_spans, m_count, i);
+      RemoveAt(m_starts, m_count, i);
+      RemoveAt(m_ends, m_count, i);
       RemoveAt(m_items, m_count, i);
       --m_count;
     }
-  }
-
-  std::uint64_t MinEnd() const override {
-    std::uint64_t min = std::numeric_limits<std::uint64_t>::max();
-    for (std::size_t i = 0; i < m_count; ++i) min = std::min(min, m_spans[i].end);
-    return min;
+    return m_count != before;
   }
 
  private:
-  std::array<Item, std::tuple_size_v<Spans>> m_items;
+  std::array<Item, kWidth> m_items;
 };
 
 class CoverIndex::Inner final : public Node {
@@ -138,42 +155,44 @@ class CoverIndex::Inner final : public Node {
   void Append(std::unique_ptr<Node> child) { Put(m_count, std::move(child)); }
 
   void Insert(const Span& span, Item item) override {
-    std::size_t at = ChildFor(span);
+    std::size_t at = ChildFor(span.start);
+    m_children[at]->Prefetch();
     if (m_children[at]->IsFull()) {
-      std::unique_ptr<Node> right = m_children[at]->Split(span);
+      std::unique_ptr<Node> right = m_children[at]->Split(span.start);
       Refresh(at);
       Put(at + 1, std::move(right));
-      at = ChildFor(span);
+      at = ChildFor(span.start);
     }
     m_children[at]->Insert(span, item);
-    m_spans[at] = std::min(m_spans[at], span);
-    m_minEnd[at] = std::min(m_minEnd[at], span.end);
+    m_starts[at] = std::min(m_starts[at], span.start);
+    m_ends[at] = std::min(m_ends[at], span.end);
   }
 
-  std::unique_ptr<Node> Split(const Span& next) override {
+  std::unique_ptr<Node> Split(std::uint64_t next) override {
     auto right = std::make_unique<Inner>();
-    const std::size_t split = SplitPoint(m_spans, m_count, next);
-    MoveTail(m_spans, split, m_count, right->m_spans);
-    MoveTail(m_minEnd, split, m_count, right->m_minEnd);
+    const std::size_t split = SplitPoint(m_starts, next);
+    MoveTail(m_starts, split, m_count, right->m_starts);
+    MoveTail(m_ends, split, m_count, right->m_ends);
     MoveTail(m_children, split, m_count, right->m_children);
     right->m_count = m_count - split;
     m_count = split;
     return right;
   }
 
-  void EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
+  bool EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
+    bool changed = false;
     // Entries that start at `span.start` may stand at the end of the child before.
-    std::size_t i = FirstFrom(m_spans, m_count, span.start);
+    std::size_t i = CountBelow(m_starts, m_count, span.start);
     if (i > 0) --i;
-    while (i < m_count && m_spans[i].start <= span.end) {
-      if (m_minEnd[i] > span.end) {
+    while (i < m_count && m_starts[i] <= span.end) {
+      if (m_ends[i] > span.end || !m_children[i]->EraseCovered(span, keep, items)) {
         ++i;
         continue;
       }
-      m_children[i]->EraseCovered(span, keep, items);
+      changed = true;
       if (m_children[i]->IsEmpty()) {
-        RemoveAt(m_spans, m_count, i);
-        RemoveAt(m_minEnd, m_count, i);
+        RemoveAt(m_starts, m_count, i);
+        RemoveAt(m_ends, m_count, i);
         RemoveAt(m_children, m_count, i);
         --m_count;
         m_children[m_count].reset();
@@ -182,11 +201,7 @@ class CoverIndex::Inner final : public Node {
         ++i;
       }
     }
-  }
-
-  std::uint64_t MinEnd() const override {
-    return *std::min_element(m_minEnd.begin(),
-                             m_minEnd.begin() + static_cast<std::ptrdiff_t>(m_count));
+    return changed;
   }
 
   std::unique_ptr<Node> TakeOnlyChild() override {
@@ -194,26 +209,25 @@ class CoverIndex::Inner final : public Node {
   }
 
  private:
-  // The last child whose lowest span is not above `span`; the first when all are.
-  std::size_t ChildFor(const Span& span) const {
-    const std::size_t above = FirstAbove(m_spans, m_count, span);
+  // The last child whose lowest start is not above `start`; the first when all are.
+  std::size_t ChildFor(std::uint64_t start) const {
+    const std::size_t above = CountUpTo(m_starts, m_count, start);
     return above == 0 ? 0 : above - 1;
   }
 
   void Refresh(std::size_t i) {
-    m_spans[i] = m_children[i]->Low();
-    m_minEnd[i] = m_children[i]->MinEnd();
+    m_starts[i] = m_children[i]->Low();
+    m_ends[i] = m_children[i]->MinEnd();
   }
 
   void Put(std::size_t at, std::unique_ptr<Node> child) {
-    InsertAt(m_spans, m_count, at, child->Low());
-    InsertAt(m_minEnd, m_count, at, child->MinEnd());
+    InsertAt(m_starts, m_count, at, child->Low());
+    InsertAt(m_ends, m_count, at, child->MinEnd());
     InsertAt(m_children, m_count, at, std::move(child));
     ++m_count;
   }
 
-  std::array<std::uint64_t, std::tuple_size_v<Spans>> m_minEnd;
-  std::array<std::unique_ptr<Node>, std::tuple_size_v<Spans>> m_children;
+  std::array<std::unique_ptr<Node>, kWidth> m_children;
 };
 
 CoverIndex::CoverIndex() : m_root(std::make_unique<Leaf>()) {}
@@ -222,7 +236,7 @@ CoverIndex::~CoverIndex() = default;
 void CoverIndex::Insert(const Span& span, Item item) {
   if (m_root->IsFull()) {
     auto root = std::make_unique<Inner>();
-    std::unique_ptr<Node> right = m_root->Split(span);
+    std::unique_ptr<Node> right = m_root->Split(span.start);
     root->Append(std::move(m_root));
     root->Append(std::move(right));
     m_root = std::move(root);

@@ -2,7 +2,6 @@
 #ifndef PENSTOCK_HOST_COVER_INDEX_H_
 #define PENSTOCK_HOST_COVER_INDEX_H_
 
-#include <compare>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -13,18 +12,15 @@
 struct Span {
   std::uint64_t start = 0;
   std::uint64_t end = 0;
-
-  friend auto operator<=>(const Span&, const Span&) = default;
-
-  bool Covers(const Span& other) const { return start <= other.start && other.end <= end; }
 };
 
 // The spans of a coalescer's buffers, so that those inside a new one are found without looking at
 // the rest.
 //
-// A B+ tree ordered by (start, end). Each inner node knows the smallest end below each child: a
-// subtree whose smallest end lies beyond the new span holds nothing that it covers and is not
-// entered. Wide nodes, because at a million buffers the cost is the cache misses on the way down.
+// A B+ tree ordered by start; equal starts stand in any order. Each inner node knows the smallest
+// end below each child: a subtree whose smallest end lies beyond the new span holds nothing that it
+// covers and is not entered. Wide nodes, because at a million buffers the cost is the cache misses
+// on the way down.
 //
 // Threads: one at a time.
 class CoverIndex {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <iterator>
+#include <algorithm>
+#include <functional>
 #include <limits>
 
 #include "common/log.h"
@@ -146,7 +147,7 @@ std::pair<bool, std::uint64_t> Pipeline::GetCurXmitDsNum() const { return FrontN
 
 void Pipeline::IterateReceiveDatasets(std::function<void(std::shared_ptr<Dataset>)> fn) {
   for (const auto* pipe : {&m_xmitPipe, &m_recvPipe}) {
-    for (auto ds = pipe->rbegin(); ds != pipe->rend(); ++ds) fn(*ds);
+    std::for_each(pipe->rbegin(), pipe->rend(), std::ref(fn));
   }
 }
 

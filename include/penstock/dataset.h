@@ -179,6 +179,9 @@ class PENSTOCK_EXPORT Dataset : public std::enable_shared_from_this<Dataset> {
   // Calls: the transmit callback. The standard bad-function-call exception when there is none.
   DS_ERROR NotifyBufferReady(const PipeCompressedData& c);
 
+  // The same, queueing the unit itself: it is empty afterwards, unless it was refused.
+  DS_ERROR NotifyBufferReady(PipeCompressedData&& c);
+
   // Starts compression of an offloaded dataset once all its blocks are done and it is complete; at
   // most once. For the datasets that the constructors make it only logs.
   //

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Holds the #include lines against the direction of the modules: common <- dataset, fingerprint,
+# serializer <- pipeline; none of them reaches into host/; the exported headers include exported
+# headers only; examples and benchmarks are strangers. Also: every test source is in a folder that
+# the build takes its tests from.
+#
+# usage: includes_test.sh SOURCE_DIR
+set -euo pipefail
+cd "$1"
+failed=0
+
+allow() {  # FOLDER PATTERN: what files of FOLDER may include of the project
+  local hits
+  hits=$(grep -rnE '^#include "' "$1" --include='*.h' --include='*.cpp' |
+    grep -vE "#include \"($2)" || true)
+  if [[ -n $hits ]]; then
+    echo "FAIL: $1 may include only $2:"
+    echo "$hits"
+    failed=1
+  else
+    echo "ok: $1"
+  fi
+}
+
+allow include 'penstock/'
+allow common 'penstock/|common/'
+allow fingerprint 'penstock/|common/|fingerprint/'
+allow serializer 'penstock/|common/|serializer/'
+allow dataset 'penstock/|common/|dataset/'
+allow pipeline 'penstock/|common/|dataset/dataset_type\.h|pipeline/'
+allow host 'penstock/|host/'
+allow bench 'penstock/|bench/'
+allow examples 'penstock/|examples/|minimal_host/'
+
+stray=$(find tests -name '*_test.cpp' | grep -vE \
+  '^tests/(common|dataset|fingerprint|host|misuse|pipeline|serializer|trace)/[a-z0-9_]+_test\.cpp$' ||
+  true)
+if [[ -n $stray ]]; then
+  echo "FAIL: no program is built from these tests: $stray"
+  failed=1
+else
+  echo "ok: every test source is built"
+fi
+exit $failed
