@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <new>
 #include <ostream>
+#include <string>
 
 #include "host/crc32c.h"
 
@@ -30,7 +31,7 @@ std::ostream& operator<<(std::ostream& out, DPPCmdType type) {
     case DPPCmdType::DatasetStartv2: return out << "DatasetStartv2";
     case DPPCmdType::CompressedData: return out << "CompressedData";
   }
-  return out << "DPPCmdType(" << static_cast<std::uint32_t>(type) << ")";
+  return out << "DPPCmdType(" + std::to_string(static_cast<std::uint32_t>(type)) + ")";
 }
 
 std::shared_ptr<DPPCmdHeader> CreateDppHeader(unsigned payloadSize, DPPCmdType type,

@@ -29,6 +29,8 @@ std::string Format(const char* format, std::va_list args) {
   return text;
 }
 
+const char* OrEmpty(const char* text) { return text == nullptr ? "" : text; }
+
 // The message prefix. It is read for every log record, mostly while it is empty: that case costs
 // one load.
 class Prefix {
@@ -84,7 +86,7 @@ void CLogger::LogEx(int level, const char* prefix, unsigned long long requestId,
     sink = m_sink;
   }
   if (!sink) return;
-  LogRecord record{level, prefix, requestId, function, line, {}};
+  LogRecord record{level, OrEmpty(prefix), requestId, OrEmpty(function), line, {}};
   std::va_list args;
   va_start(args, format);
   record.text = Format(format, args);

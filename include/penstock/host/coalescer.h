@@ -17,7 +17,7 @@ class CoverIndex;
 // overlaps stay, in order, and neighbours are not merged. A dataset seals when each buffer counted
 // here is finalized, so folding is what lets a dataset with a hot block seal.
 //
-// A buffer whose end lies beyond 2^64 counts as ending there.
+// A buffer whose end lies beyond 2^64 - 1 counts as ending there.
 //
 // Threads: one at a time; const calls may run at once.
 class PENSTOCK_HOST_EXPORT Coalescer {

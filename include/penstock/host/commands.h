@@ -67,7 +67,7 @@ static_assert(sizeof(DatasetStartv2) == 44);
 // The record of one compressed unit: these 20 bytes, then `length` bytes of body.
 struct [[gnu::packed]] CompressedData {
   std::uint64_t bodyHash = 0;     // @0: xxh3-64 of the body
-  std::uint32_t rawLength = 0;    // @8: bytes of the body before compression
+  std::uint32_t rawLength = 0;    // @8: bytes of volume data before compression
   std::uint8_t volumeIndex = 0;   // @12: index into the entries of the dataset's first record
   std::uint8_t codec = 0;         // @13
   std::uint16_t extentCount = 0;  // @14

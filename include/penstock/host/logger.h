@@ -61,7 +61,8 @@ class PENSTOCK_HOST_EXPORT CLogger {
 
   // Formats the message as printf does and hands the record to the sink, whatever its level: the
   // threshold is for the caller to compare first, so that a record below it costs no formatting.
-  // `prefix` and `function` are copied. A format that can't be printed is handed on as it stands.
+  // `prefix` and `function` are copied; null counts as empty. A format that can't be printed is
+  // handed on as it stands.
   //
   // REQUIRES: `format` and its arguments agree, as for printf.
   // Calls: the sink, on this thread.
