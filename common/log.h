@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ios>
+#include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -42,6 +43,9 @@ class LogPieces {
       Put(piece);
     } else if constexpr (std::same_as<T, const void*>) {
       PutAddress(piece);
+    } else if constexpr (std::floating_point<T>) {
+      m_out.imbue(std::locale::classic());
+      m_out << piece;
     } else {
       m_out << piece;
     }

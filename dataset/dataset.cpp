@@ -4,6 +4,7 @@
 #include <chrono>
 #include <iomanip>
 #include <ios>
+#include <locale>
 #include <sstream>
 #include <utility>
 
@@ -29,6 +30,7 @@ Dataset::Dataset(std::uint64_t n, const std::vector<FingerprintRange>& ranges,
       m_dsType(kDatasetResync),
       m_userParam(0) {
   std::ostringstream text;
+  text.imbue(std::locale::classic());
   text << " [";
   for (const FingerprintRange& range : ranges) {
     m_ranges.insert(range);

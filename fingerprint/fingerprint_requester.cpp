@@ -2,7 +2,8 @@
 #include "penstock/fingerprint_requester.h"
 
 #include <algorithm>
-#include <iomanip>
+#include <array>
+#include <string_view>
 #include <utility>
 
 #include "common/log.h"
@@ -15,8 +16,10 @@ struct Hex16 {
 };
 
 std::ostream& operator<<(std::ostream& out, Hex16 hex) {
-  return out << std::hex << std::setw(16) << std::setfill('0') << hex.value << std::dec
-             << std::setfill(' ');
+  static constexpr std::string_view kDigits = "0123456789abcdef";
+  std::array<char, 16> text;
+  for (std::size_t i = text.size(); i-- > 0; hex.value >>= 4U) text[i] = kDigits[hex.value & 0x0fU];
+  return out.write(text.data(), text.size());
 }
 
 }  // namespace

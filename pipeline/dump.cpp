@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <locale>
 #include <ostream>
 #include <sstream>
 
@@ -35,6 +36,7 @@ template <class T>
 std::string EmitDonePipe(const std::list<T>& pipe) {
   if (pipe.empty()) return {};
   std::ostringstream out;
+  out.imbue(std::locale::classic());
   bool mark = false;
   std::uint64_t start = 0;
   HandleArrived(false, out, mark, pipe.front(), start);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iomanip>
+#include <locale>
 #include <sstream>
 
 #include "common/log.h"
@@ -32,6 +33,7 @@ Field ReadField(const std::uint8_t* record, std::size_t offset) {
 
 std::string FileName(std::uint64_t n) {
   std::ostringstream name;
+  name.imbue(std::locale::classic());  // a name must not depend on the process's locale
   name << std::hex << std::setw(16) << std::setfill('0') << n << ".ds";
   return name.str();
 }
@@ -40,6 +42,7 @@ std::string FileName(std::uint64_t n) {
 
 std::string DatasetBasePath(const std::string& base, const UUID& volume, unsigned long n) {
   std::ostringstream path;
+  path.imbue(std::locale::classic());
   path << base << "/" << volume << "/" << std::hex << std::setfill('0') << std::setw(8)
        << (n >> 32U) << "/" << std::setw(5) << ((n & 0xffffffffU) >> 12U) << "/";
   return path.str();

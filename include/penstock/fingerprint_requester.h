@@ -13,7 +13,8 @@
 
 // The host's send function for a batch: the block fingerprints, in order, and the batch key: the
 // dataset's number times 65536, plus the index of the batch's first fingerprint. The vector is the
-// callee's. A batch may come twice; the receiver tolerates it.
+// callee's. A batch may come twice, and an empty one may come when the first fingerprint arrives
+// while another thread completes the dataset; the receiver tolerates both.
 using SendFingerprintsFn = std::function<void(std::vector<std::uint64_t>, std::uint64_t)>;
 
 // Numbers the 64-bit fingerprints of a resync dataset's 4 KiB blocks in order of arrival and hands
