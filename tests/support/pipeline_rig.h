@@ -19,6 +19,9 @@
 #include "tests/support/make.h"
 #include "tests/support/pipeline_records_text.h"
 
+// Dataset numbers to loop over.
+using Numbers = std::initializer_list<std::uint64_t>;
+
 // A pipeline whose host writes down every callback among the log records, so that one text holds
 // the whole sequence. Addresses are replaced by names (pipeline_records_text.h).
 //
