@@ -61,7 +61,7 @@ TEST(FunctionLabel, IsCutWhileCompiling) {
 
 #define EXPECT_CUT_ALIKE(pretty)                                              \
   do {                                                                        \
-    static constexpr auto kLabel = CutFunctionName(pretty);                   \
+    static constexpr auto kLabel = CutFunctionName((pretty));                 \
     EXPECT_EQ(std::string(kLabel.View()), GetFunctionName(pretty)) << pretty; \
   } while (false)
 

@@ -188,6 +188,7 @@ TEST_F(LogStatement, WritesAnAddressAsAStreamDoes) {
   const int object = 0;
   EXPECT_EQ(Logged(Address(&object)), Streamed(static_cast<const void*>(&object)));
   EXPECT_EQ(Logged(Address(nullptr)), "<0>");
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): an address is wanted that no object has
   const auto highest = reinterpret_cast<const void*>(std::uintptr_t{kMax64});
   EXPECT_EQ(Logged(highest), "<0xffffffffffffffff>");
 }
@@ -231,7 +232,7 @@ TEST_F(LogStatement, LosesTheRestOfAMessageButDoesNotThrowWhenMemoryRunsOut) {
       const FailingNew failing(0);
       EXPECT_NO_THROW(pieces << piece);
     }
-    EXPECT_TRUE(record.bad());
+    EXPECT_TRUE(record.bad());  // NOLINT(bugprone-use-after-move): lent to the pieces, not moved
     pieces << "lost" << 7;
   }
   const std::string text = TheText();

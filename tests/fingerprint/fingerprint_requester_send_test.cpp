@@ -167,7 +167,8 @@ class RequesterThreads : public testing::Test {
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
       threads.emplace_back([&offer, t] {
-        for (int i = 1; i <= kEach; ++i) offer(static_cast<std::uint64_t>(t * 10'000 + i));
+        for (int i = 1; i <= kEach; ++i)
+          offer(static_cast<std::uint64_t>(t) * 10'000 + static_cast<std::uint64_t>(i));
       });
     }
     for (std::thread& thread : threads) thread.join();

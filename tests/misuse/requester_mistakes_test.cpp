@@ -17,7 +17,7 @@ namespace {
 class RequesterMistakes : public PipelineRig {
  protected:
   SendFingerprintsFn Send(const std::string& name) {
-    return [name](std::vector<std::uint64_t> fps, std::uint64_t) {
+    return [name](const std::vector<std::uint64_t>& fps, std::uint64_t) {
       Note(name + " sends " + std::to_string(fps.size()));
     };
   }

@@ -40,6 +40,7 @@ struct Key {
   int volume = 0;
   std::uint64_t offset = 0;
   std::uint32_t length = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison with 0 for a pointer's
   auto operator<=>(const Key&) const = default;
 
   std::uint64_t End() const { return offset + length; }

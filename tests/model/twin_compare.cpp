@@ -221,7 +221,8 @@ void Twin::Query(std::uint64_t n) {
   m_real.IterateReceiveDatasets(
       [&](std::shared_ptr<Dataset> ds) { visited.push_back(IdOf(ds.get())); });
   std::vector<int> wanted;
-  for (auto ds = p.transmit.rbegin(); ds != p.transmit.rend(); ++ds) wanted.push_back((*ds)->id);
+  std::for_each(p.transmit.rbegin(), p.transmit.rend(),
+                [&](const DatasetModel* ds) { wanted.push_back(ds->id); });
   for (const DatasetModel* ds : p.receive) wanted.push_back(ds->id);
   ExpectTrue(visited == wanted, "the iterations");
   if (p.done.empty()) Expect(m_real.IsDone(n), false, "IsDone");

@@ -53,10 +53,10 @@ class WriteDataFailure : public WriteFailure {
     return lines;
   }
   void FailNext(const std::string& function, int nth, long result, int error) {
-    m_spoils.push_back([=](FileCalls& calls) { calls.Fail(function, nth, result, error); });
+    m_spoils.emplace_back([=](FileCalls& calls) { calls.Fail(function, nth, result, error); });
   }
   void CutNext(int nth, std::size_t bytes) {
-    m_spoils.push_back([=](FileCalls& calls) { calls.CutWrite(nth, bytes); });
+    m_spoils.emplace_back([=](FileCalls& calls) { calls.CutWrite(nth, bytes); });
   }
   DatasetSerializer m_file = File(9);
   std::vector<std::function<void(FileCalls&)>> m_spoils;

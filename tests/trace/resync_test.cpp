@@ -92,9 +92,10 @@ class ResyncDataset : public PipelineRig {
     });
     m_resync->SetDSFinalizedCb(
         [](std::shared_ptr<Dataset>, const InternalData& buf) { Note("finalized " + Text(buf)); });
-    m_resync->InitFingerprintRequester([](std::vector<std::uint64_t> fps, std::uint64_t key) {
-      Note("batch of " + std::to_string(fps.size()) + " key " + std::to_string(key));
-    });
+    m_resync->InitFingerprintRequester(
+        [](const std::vector<std::uint64_t>& fps, std::uint64_t key) {
+          Note("batch of " + std::to_string(fps.size()) + " key " + std::to_string(key));
+        });
     m_resync->SetDsTimestamp(1500);
     m_pipeline.PushDs(m_resync, false);
     for (std::size_t i = 0; i < kBlocks; ++i) {

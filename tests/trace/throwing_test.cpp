@@ -192,10 +192,11 @@ class ThrowingSend : public ThrowingHost {
   // that closing it sends the batch.
   void SetUp() override {
     m_resync = Resync(1);
-    m_resync->InitFingerprintRequester([this](std::vector<std::uint64_t> fps, std::uint64_t key) {
-      Note("batch of " + std::to_string(fps.size()) + " key " + std::to_string(key));
-      if (m_fails) throw Failure();
-    });
+    m_resync->InitFingerprintRequester(
+        [this](const std::vector<std::uint64_t>& fps, std::uint64_t key) {
+          Note("batch of " + std::to_string(fps.size()) + " key " + std::to_string(key));
+          if (m_fails) throw Failure();
+        });
     m_pipeline.PushDs(m_resync, false);
     Write(kBuf);
     m_resync->IncTotal4KBlocks();
