@@ -64,6 +64,14 @@ std::size_t SplitPoint(const Numbers& starts, std::uint64_t next) {
 
 }  // namespace
 
+// One call of EraseCovered on its way through the tree.
+struct CoverIndex::Removal {
+  const Span& span;
+  Item keep;
+  std::list<InternalData>& items;
+  std::size_t nodesEntered;
+};
+
 // A node of the tree. A node that is entered for an insertion always has room: its parent splits it
 // beforehand, so that running out of memory on the way down leaves a whole tree.
 class CoverIndex::Node {
@@ -78,8 +86,7 @@ class CoverIndex::Node {
   // Moves the upper entries to a new right neighbour. REQUIRES: full.
   virtual std::unique_ptr<Node> Split(std::uint64_t next) = 0;
   // Returns whether anything was taken out.
-  virtual bool EraseCovered(const Span& span, Item keep,
-                            std::list<InternalData>& items) noexcept = 0;
+  virtual bool EraseCovered(Removal& removal) noexcept = 0;
   // Gives away the only child of an inner node that has no other; null otherwise.
   virtual std::unique_ptr<Node> TakeOnlyChild() { return nullptr; }
 
@@ -128,15 +135,17 @@ class CoverIndex::Leaf final : public Node {
     return right;
   }
 
-  bool EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
+  bool EraseCovered(Removal& removal) noexcept override {
+    ++removal.nodesEntered;
+    const Span& span = removal.span;
     const std::size_t before = m_count;
     std::size_t i = CountBelow(m_starts, m_count, span.start);
     while (i < m_count && m_starts[i] <= span.end) {
-      if (m_ends[i] > span.end || m_items[i] == keep) {
+      if (m_ends[i] > span.end || m_items[i] == removal.keep) {
         ++i;
         continue;
       }
-      items.erase(m_items[i]);
+      removal.items.erase(m_items[i]);
       RemoveAt(m_starts, m_count, i);
       RemoveAt(m_ends, m_count, i);
       RemoveAt(m_items, m_count, i);
@@ -179,13 +188,15 @@ class CoverIndex::Inner final : public Node {
     return right;
   }
 
-  bool EraseCovered(const Span& span, Item keep, std::list<InternalData>& items) noexcept override {
+  bool EraseCovered(Removal& removal) noexcept override {
+    ++removal.nodesEntered;
+    const Span& span = removal.span;
     bool changed = false;
     // Entries that start at `span.start` may stand at the end of the child before.
     std::size_t i = CountBelow(m_starts, m_count, span.start);
     if (i > 0) --i;
     while (i < m_count && m_starts[i] <= span.end) {
-      if (m_ends[i] > span.end || !m_children[i]->EraseCovered(span, keep, items)) {
+      if (m_ends[i] > span.end || !m_children[i]->EraseCovered(removal)) {
         ++i;
         continue;
       }
@@ -246,6 +257,8 @@ void CoverIndex::Insert(const Span& span, Item item) {
 
 void CoverIndex::EraseCovered(const Span& span, Item keep,
                               std::list<InternalData>& items) noexcept {
-  m_root->EraseCovered(span, keep, items);
+  Removal removal{span, keep, items, 0};
+  m_root->EraseCovered(removal);
+  m_nodesEntered = removal.nodesEntered;
   while (std::unique_ptr<Node> child = m_root->TakeOnlyChild()) m_root = std::move(child);
 }

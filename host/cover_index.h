@@ -2,6 +2,7 @@
 #ifndef PENSTOCK_HOST_COVER_INDEX_H_
 #define PENSTOCK_HOST_COVER_INDEX_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -45,8 +46,10 @@ class CoverIndex {
   class Node;
   class Leaf;
   class Inner;
+  struct Removal;
 
   std::unique_ptr<Node> m_root;
+  std::size_t m_nodesEntered = 0;  // by the last EraseCovered: its cost, for the tests to see
 };
 
 #endif  // PENSTOCK_HOST_COVER_INDEX_H_

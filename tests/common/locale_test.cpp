@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr char kVolumeOne[] = "00000000-0000-0000-0000-000000000001";
-
 class UnderAnotherLocale : public testing::Test {
  protected:
   GroupingLocale m_grouping;
@@ -36,8 +34,11 @@ TEST_F(UnderAnotherLocale, ATimestampsRecordIsTheSame) {
 
 TEST_F(UnderAnotherLocale, ARangesRecordIsTheSame) {
   const Dataset ds(1234567, {{Volume(1), 0x12345678, 87654321}}, 0);
-  EXPECT_EQ(m_log.Take(), (Lines{std::string("I Dataset::Dataset() N: 1234567 [v: ") + kVolumeOne +
-                                 " o: 0x12345678 l: 87654321, ] m_hasBuffers: 0"}));
+  EXPECT_EQ(
+      m_log.Take(),
+      (Lines{
+          "I Dataset::Dataset() N: 1234567 [v: 00000000-0000-0000-0000-000000000001 o: 0x12345678 "
+          "l: 87654321, ] m_hasBuffers: 0"}));
 }
 
 TEST_F(UnderAnotherLocale, ABuffersRecordIsTheSame) {
@@ -45,9 +46,9 @@ TEST_F(UnderAnotherLocale, ABuffersRecordIsTheSame) {
   m_log.Take();
   InternalData buf = Buf(1, 0x12345678, 87654321);
   EXPECT_EQ(ds->AddBuffer(buf, 7654321), DS_ERROR_OK);
-  EXPECT_EQ(m_log.Take(),
-            (Lines{std::string("D Dataset::AddBuffer() N: 1234567 adding InternalData[v=") +
-                   kVolumeOne + " o: 0x12345678, l=87654321] origDataSize: 7654321"}));
+  EXPECT_EQ(m_log.Take(), (Lines{"D Dataset::AddBuffer() N: 1234567 adding InternalData["
+                                 "v=00000000-0000-0000-0000-000000000001 o: 0x12345678, "
+                                 "l=87654321] origDataSize: 7654321"}));
 }
 
 TEST_F(UnderAnotherLocale, TheRunsOfAPipeAreTheSame) {
@@ -58,7 +59,7 @@ TEST_F(UnderAnotherLocale, TheRunsOfAPipeAreTheSame) {
 }
 
 TEST_F(UnderAnotherLocale, ADatasetFilesPathIsTheSame) {
-  const std::string directory = std::string("/base/") + kVolumeOne + "/12345678/9abcd/";
+  const std::string directory = "/base/00000000-0000-0000-0000-000000000001/12345678/9abcd/";
   EXPECT_EQ(DatasetBasePath("/base", UUID::MakeUUID(Volume(1)), 0x123456789abcdef0), directory);
   const DatasetSerializer serializer(0x123456789abcdef0, Volume(1), "/base");
   EXPECT_EQ(serializer.m_filePath, directory + "123456789abcdef0.ds");

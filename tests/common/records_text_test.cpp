@@ -16,21 +16,20 @@
 
 namespace {
 
-constexpr char kVolumeOne[] = "00000000-0000-0000-0000-000000000001";
-
 TEST(BufferText, NamesVolumeOffsetAndLength) {
   EXPECT_EQ(Text(Buf(1, 4096, 8192)),
             "InternalData[v=00000000-0000-0000-0000-000000000001 o: 0x1000, l=8192]");
 }
 
 TEST(BufferText, WritesOffsetZeroBare) {
-  EXPECT_EQ(Text(Buf(1, 0, 0)), std::string("InternalData[v=") + kVolumeOne + " o: 0, l=0]");
+  EXPECT_EQ(Text(Buf(1, 0, 0)), "InternalData[v=00000000-0000-0000-0000-000000000001 o: 0, l=0]");
 }
 
 TEST(BufferText, WritesTheLargestNumbersWhole) {
-  EXPECT_EQ(Text(Buf(1, std::numeric_limits<std::uint64_t>::max(),
-                     std::numeric_limits<std::uint32_t>::max())),
-            std::string("InternalData[v=") + kVolumeOne + " o: 0xffffffffffffffff, l=4294967295]");
+  EXPECT_EQ(
+      Text(Buf(1, std::numeric_limits<std::uint64_t>::max(),
+               std::numeric_limits<std::uint32_t>::max())),
+      "InternalData[v=00000000-0000-0000-0000-000000000001 o: 0xffffffffffffffff, l=4294967295]");
 }
 
 TEST(BufferText, WritesTheVolumesBytesInMemoryOrder) {
@@ -78,7 +77,7 @@ TEST(BufferText, ChangesNoOtherFlagOfTheStream) {
 TEST(BufferText, IsTheSameUnderAnotherLocale) {
   const GroupingLocale grouping;
   EXPECT_EQ(Text(Buf(1, 0x1234567, 12345678)),
-            std::string("InternalData[v=") + kVolumeOne + " o: 0x1234567, l=12345678]");
+            "InternalData[v=00000000-0000-0000-0000-000000000001 o: 0x1234567, l=12345678]");
 }
 
 TEST(FingerprintText, WritesTheLowNibbleFirst) {
