@@ -42,8 +42,8 @@
 //
 //   Pipeline pipeline;
 //   pipeline.SetTransmitterCb([&](std::shared_ptr<Dataset>& ds) { return SendNewUnits(ds); });
-//   pipeline.SetDoneCb([&](unsigned long n, bool, bool success, bool) { ... });
-//   pipeline.SetFlushedCb([&](unsigned long n, bool, bool success) { ... });
+//   pipeline.SetDoneCb([&](unsigned long n, bool, bool success, bool) { Applied(n, success); });
+//   pipeline.SetFlushedCb([&](unsigned long n, bool, bool success) { Safe(n, success); });
 //   pipeline.PushDs(std::make_shared<Dataset>(1, true, 0, 0), false);
 class PENSTOCK_EXPORT Pipeline {
  public:

@@ -59,10 +59,10 @@ TEST(FunctionLabel, IsCutWhileCompiling) {
   EXPECT_EQ(kLabel.View(), "Pipeline::Ack()");
 }
 
-#define EXPECT_CUT_ALIKE(pretty)                                              \
-  do {                                                                        \
-    static constexpr auto kLabel = CutFunctionName((pretty));                 \
-    EXPECT_EQ(std::string(kLabel.View()), GetFunctionName(pretty)) << pretty; \
+#define EXPECT_CUT_ALIKE(pretty)                                                \
+  do {                                                                          \
+    static constexpr auto kLabel = CutFunctionName((pretty));                   \
+    EXPECT_EQ(std::string(kLabel.View()), GetFunctionName(pretty)) << (pretty); \
   } while (false)
 
 TEST(FunctionLabel, IsTheSameAsTheExportedFunctions) {
