@@ -34,7 +34,7 @@ for name in libpenstock.so libpenstock-host.so; do
   [[ -L $libdir/$name && -L $libdir/$name.0 ]] || fail "$name or $name.0 is not a link"
 done
 
-cmake -S "$source/tests/package/consumer" -B "$work/consumer" -DCMAKE_CXX_COMPILER="$cxx" \
+cmake -G Ninja -S "$source/tests/package/consumer" -B "$work/consumer" -DCMAKE_CXX_COMPILER="$cxx" \
   -DCMAKE_PREFIX_PATH="$work/moved" >"$work/configure.log" || fail "find_package"
 cmake --build "$work/consumer" >"$work/build.log" || fail "$(cat "$work/build.log")"
 for program in both reversed host_only own_support; do
