@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+// Faults that a build for testing the simulator can switch on, one at a time: each must be caught.
+// In every other build all of them are off at compile time.
+#ifndef PENSTOCK_ENGINE_PLANTED_H_
+#define PENSTOCK_ENGINE_PLANTED_H_
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+namespace penstock {
+
+enum class Fault : std::uint8_t {
+  kNone,
+  kAckBeforeFsync,     // ACK as soon as the dataset has arrived
+  kRetryFsync,         // call fsync again after it failed, and believe the answer
+  kApplyBeforeCommit,  // apply before the state says that the dataset is durable
+  kNoFileHash,         // journal files are applied without their hashes being checked
+  kNoFrameHash,        // frames and blocks are taken without their hashes being checked
+  kNoDirectorySync,    // new directories are not synced
+  kChainUnchecked,     // END's chain value is not compared
+  kStaleEpoch,         // a source of an older epoch is welcomed
+  kGrantUnchecked,     // a dataset may name any volume of the group
+  kWeakMatch,          // equal 64-bit fingerprints alone drop a run
+  kRecoverySkipsLast,  // recovery does not re-apply the last durable dataset
+  kEndCountUnchecked,  // END's counts are not compared
+};
+
+inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaults = {{
+    {Fault::kAckBeforeFsync, "acknowledge-before-fsync"},
+    {Fault::kRetryFsync, "retry-fsync"},
+    {Fault::kApplyBeforeCommit, "apply-before-commit"},
+    {Fault::kNoFileHash, "no-file-hash"},
+    {Fault::kNoFrameHash, "no-frame-hash"},
+    {Fault::kNoDirectorySync, "no-directory-fsync"},
+    {Fault::kChainUnchecked, "chain-not-checked"},
+    {Fault::kStaleEpoch, "stale-epoch-accepted"},
+    {Fault::kGrantUnchecked, "buffer-grant-not-checked"},
+    {Fault::kWeakMatch, "64-bit-match-drops-alone"},
+    {Fault::kRecoverySkipsLast, "recovery-skips-the-last-dataset"},
+    {Fault::kEndCountUnchecked, "end-without-count-check"},
+}};
+
+#ifdef PENSTOCK_PLANTED_FAULTS
+inline Fault g_plantedFault = Fault::kNone;
+inline bool Planted(Fault fault) { return g_plantedFault == fault; }
+#else
+constexpr bool Planted(Fault) { return false; }
+#endif
+
+}  // namespace penstock
+
+#endif  // PENSTOCK_ENGINE_PLANTED_H_

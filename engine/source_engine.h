@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef PENSTOCK_ENGINE_SOURCE_ENGINE_H_
+#define PENSTOCK_ENGINE_SOURCE_ENGINE_H_
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "codec/block.h"
+#include "engine/chain.h"
+#include "engine/commands.h"
+#include "engine/source_parts.h"
+#include "penstock/penstock.h"
+
+namespace penstock {
+
+struct SourceVolume {
+  std::string name;
+  std::uint64_t size = 0;  // bytes, at least 1
+};
+
+struct SourceConfig {
+  std::string group;
+  std::vector<SourceVolume> volumes;  // 1 to kMaxVolumes
+  CompressSpec compress;
+  bool resyncAtStart = true;  // compare everything once, before anything else is believed
+
+  // Limits. The memory that a source holds is at most `memory` for resync datasets, plus what the
+  // open and unacknowledged normal datasets hold.
+  // Of one resync dataset: at most 256 MiB, and a multiple of kWindowBytes or less than it.
+  std::uint64_t resyncBytes = 16U << 20U;
+  std::uint64_t memory = 96U << 20U;        // at least twice resyncBytes
+  std::uint64_t datasetBytes = 64U << 20U;  // of one normal dataset
+  std::uint32_t fetchJobs = 6;              // windows being read at a time
+
+  // Timeouts, milliseconds.
+  Millis greetTimeout = 10'000;
+  Millis progressTimeout = 30'000;  // nothing came although something is due
+  Millis pingAfter = 10'000;        // of silence
+  Millis backoffMin = 200;
+  Millis backoffMax = 10'000;
+
+  // Fills with unpredictable bytes: nonces, keys, jitter.
+  std::function<void(std::span<std::uint8_t>)> random;
+};
+
+// Where the connection is.
+enum class SourcePhase : std::uint8_t {
+  kIdle,        // not started
+  kConnecting,  // a connection was asked for
+  kGreeting,    // HELLO is out, WELCOME is not in
+  kOnline,      // frames flow
+  kBackoff,     // lost or refused for now; connects again at a time
+  kStopped,     // for good: see SourceStatus::failure
+};
+const char* Text(SourcePhase phase);
+
+struct SourceStatus {
+  SourcePhase phase = SourcePhase::kIdle;
+  std::uint64_t epoch = 0;
+  std::uint64_t closed = 0;   // the newest closed dataset
+  std::uint64_t sent = 0;     // sent to its end
+  std::uint64_t durable = 0;  // reported by the target, as are the next two
+  std::uint64_t applied = 0;
+  std::uint64_t flushed = 0;
+  bool chainAgrees = true;          // of everything reported flushed, the target's chain was ours
+  std::uint64_t syncedAt = 0;       // the dataset that completed the last pass; 0: none yet
+  bool resyncing = false;           // a pass is wanted or under way
+  std::uint64_t passBytes = 0;      // of the volumes of the pass
+  std::uint64_t comparedBytes = 0;  // of those: settled
+  std::uint64_t equalBytes = 0;     // found equal, or zero on a new volume
+  std::uint64_t rawBytes = 0;       // of blocks made: volume data
+  std::uint64_t packedBytes = 0;    // of blocks made: as they travel
+  std::uint64_t sentBytes = 0;      // of blocks sent, again ones included
+  std::uint64_t resentDatasets = 0;
+  std::uint64_t reconnects = 0;
+  std::uint64_t damaged = 0;  // answers that were refused
+  std::string lastTrouble;    // of the connection, for people; empty: none
+  ErrorCode failureCode = ErrorCode::kProtocol;
+  std::string failure;  // why it stopped for good; empty: it did not
+};
+
+enum class WriteResult : std::uint8_t {
+  kOk,
+  kOutside,  // not within the volume, or no such volume
+  kStopped,
+};
+
+// Gets the changes of a group's volumes to the target, in order.
+//
+// Resyncs are made of resync datasets, writes of normal ones; both go through one Pipeline, which
+// decides the order. A pass compares all volumes with the target range by range; its end is a
+// normal dataset that carries the mark "sync complete", which the target takes as the first point
+// at which the group is good again. Every block of a pass is read after its dataset was pushed, so
+// that it holds all writes of the datasets before, and a write that comes later is in a dataset
+// behind.
+//
+// A pass begins only when every dataset that was closed before is applied at the target: what the
+// target compares with is then never older than what was once sent.
+//
+// The engine has no thread, clock or I/O: it is told events and the time, and leaves commands.
+// Threads: one at a time; it owns its Pipeline and touches it on that thread only.
+class SourceEngine {
+ public:
+  explicit SourceEngine(SourceConfig config);
+  ~SourceEngine();
+  SourceEngine(const SourceEngine&) = delete;
+  SourceEngine& operator=(const SourceEngine&) = delete;
+
+  // --- Events. ---
+  void Start(const Moment& now);
+  void Connected(ConnId conn, const Moment& now);
+  void ConnectFailed(const std::string& why, const Moment& now);
+  void Received(ConnId conn, const Frame& frame, const Moment& now);
+  void ConnClosed(ConnId conn, const std::string& why, const Moment& now);
+  void Completed(WindowFetched&& result, const Moment& now);
+  void Completed(RunsPacked&& result, const Moment& now);
+  void Completed(BuffersPacked&& result, const Moment& now);
+  void Tick(const Moment& now);
+
+  // When Tick is due at the latest, on the steady clock.
+  Millis NextDeadline() const;
+
+  // What is to be carried out, in order. The list is empty afterwards.
+  std::vector<SourceCommand> TakeCommands();
+
+  // --- Writes and points. ---
+
+  // Takes a write that the volume already has. `data` is shared until the target has it durable.
+  WriteResult Write(std::uint8_t volume, std::uint64_t offset,
+                    std::shared_ptr<const std::uint8_t[]> data, std::uint32_t length,
+                    const Moment& now);
+  // Closes the open dataset, or an empty one when none is open. Returns its number; 0 before the
+  // first WELCOME, when numbers are not known yet.
+  std::uint64_t CloseDataset(const Moment& now);
+  // Wants all volumes compared again.
+  void Resync(const Moment& now);
+  // Says BYE and stops.
+  void Stop(const Moment& now);
+
+  const SourceStatus& Status() const { return m_status; }
+  // Everything closed is flushed, and no pass is wanted or under way.
+  bool IsSettled() const;
+  std::uint64_t MemoryUsed() const { return m_reserved + m_normalBytes; }
+
+ private:
+  using Cursor = SourceCursor;
+  using Window = SourceWindow;
+
+  // source_engine.cpp: the connection.
+  void SetPhase(SourcePhase phase) { m_status.phase = phase; }
+  void DropConn(const std::string& why, const Moment& now);
+  void GiveUp(ErrorCode code, const std::string& why);
+  void Backoff(const std::string& why, const Moment& now);
+  void SendHello();
+  void TakeFrame(const Frame& frame, const Moment& now);
+  void TakeWelcome(const Frame& frame, const Moment& now);
+  bool TakeHistory(const Welcome& welcome);
+  void BeginEpoch(const Welcome& welcome);
+  void TakeReport(FrameType type, const Frame& frame, const Moment& now);
+  void TakeError(const Frame& frame, const Moment& now);
+  void Refuse(const std::string& why, const Moment& now);
+  void Send(Frame frame);
+  void Say(NoteLevel level, std::string text);
+  void Settle(const Moment& now);  // after every event: whatever has become possible
+
+  // source_pipe.cpp: datasets on their way.
+  void PushNormal(const Moment& now);
+  std::uint64_t Push(const std::shared_ptr<Dataset>& ds, const Moment& now);
+  bool HasOpenNormal() const;
+  void CloseNewest();
+  void AckUpTo(std::uint64_t n);
+  void DoneUpTo(std::uint64_t n);
+  void FlushedUpTo(std::uint64_t n);
+  void ResetCursors();
+  void Pump();
+  bool PumpOne(Cursor& cursor);
+  bool TakeUnits(Cursor& cursor);
+  void SplitNormalUnit(Cursor& cursor, const PipeCompressedData& unit);
+  void SendStart(Cursor& cursor);
+  void SendEnd(Cursor& cursor);
+  bool FitsWindow(const Cursor& cursor, std::uint64_t bytes) const;
+
+  // source_resync.cpp: passes.
+  bool PassMayBegin() const;
+  void BeginPass();
+  void StepPass(const Moment& now);
+  void OpenResync(std::uint8_t volume, std::uint64_t offset, std::uint64_t length,
+                  const Moment& now);
+  void StepFetch();
+  void Fetch(ResyncWork& work, std::size_t window);
+  void OfferFingerprints(ResyncWork& work);
+  void SendQueries();
+  void SendQuery(ResyncWork& work, std::size_t window);
+  void TakeAnswer(const Frame& frame, const Moment& now);
+  void TakeCopied(ResyncWork& work, Window& window, WindowFetched&& result);
+  void TakePacked(ResyncWork& work, Window& window, RunsPacked&& result);
+  void Admit(ResyncWork& work, Window& window, const std::vector<Run>& runs);
+  void AdmitRun(ResyncWork& work, Window& window, const Run& ours, const Run& theirs);
+  void FinalizeKept(ResyncWork& work, Window& window, const BlockPtr& block);
+  void WindowSettled(ResyncWork& work, Window& window);
+  void EndPass(const Moment& now);
+  void AskAgain();  // after a reconnection: windows whose answer did not come
+
+  SourceConfig m_config;
+  SourceStatus m_status;
+  std::vector<SourceCommand> m_commands;
+  std::vector<UuidT> m_volumeIds;
+
+  // The connection.
+  ConnId m_conn = 0;
+  std::uint64_t m_connCount = 0;  // generation: results of an earlier one are done again
+  Hello m_hello;                  // of this connection
+  std::uint64_t m_window = 0;
+  std::vector<WelcomeVolume> m_remote;  // what the last WELCOME said
+  Millis m_lastHeard = 0;
+  Millis m_deadline = 0;  // of the phase
+  bool m_pinged = false;
+  Millis m_backoff = 0;
+
+  // The pipeline and what is known of its datasets.
+  std::unique_ptr<Pipeline> m_pipe;
+  std::map<std::uint64_t, Cursor> m_cursors;  // transmitted, not acknowledged
+  std::uint64_t m_base = 0;                   // numbers up to here are of earlier epochs
+  std::uint64_t m_last = 0;                   // the newest pushed
+  std::shared_ptr<Dataset> m_newest;
+  bool m_newestClosed = true;
+  Digest m_ackedChain{};                     // of m_status.durable
+  std::map<std::uint64_t, Digest> m_chains;  // acknowledged, not flushed
+  std::uint64_t m_inFlight = 0;              // bytes of blocks sent, not acknowledged
+  std::uint64_t m_normalBytes = 0;           // held by normal datasets
+  std::map<std::uint64_t, std::uint64_t> m_normalHeld;
+
+  // The pass.
+  bool m_passWanted = false;
+  std::uint64_t m_passAfter = 0;  // begins when this one is applied
+  bool m_passing = false;
+  std::vector<bool> m_passCopies;  // a volume that reads as zeros: nothing to compare with
+  std::size_t m_passVolume = 0;
+  std::uint64_t m_passOffset = 0;
+  std::map<std::uint64_t, std::unique_ptr<ResyncWork>> m_resyncs;  // not sealed
+  std::deque<std::pair<std::uint64_t, std::size_t>> m_refetch;     // n, window
+  std::deque<std::pair<std::uint64_t, std::uint64_t>> m_batches;   // n, first block: to be asked
+  bool m_kept = false;  // set by the received callback: the buffer at hand is to be sent
+  std::map<std::uint64_t, std::uint64_t> m_held;  // by n: bytes reserved until acknowledged
+  // By n, until acknowledged: volume and offset.
+  std::map<std::uint64_t, std::pair<std::uint8_t, std::uint64_t>> m_resyncRange;
+  std::uint64_t m_reserved = 0;
+  std::uint32_t m_fetching = 0;
+
+  std::uint64_t m_lastTicket = 0;
+  std::map<Ticket, SourceJob> m_jobs;
+};
+
+}  // namespace penstock
+
+#endif  // PENSTOCK_ENGINE_SOURCE_ENGINE_H_

@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: Apache-2.0
+// The source's datasets on their way: pushed, closed, sent by cursors, reported.
+#include <algorithm>
+#include <utility>
+
+#include "engine/source_engine.h"
+
+namespace penstock {
+
+// --- Writes and points. ---
+
+bool SourceEngine::HasOpenNormal() const {
+  return m_newest && !m_newestClosed && !m_newest->IsFingerprinted();
+}
+
+std::uint64_t SourceEngine::Push(const std::shared_ptr<Dataset>& ds, const Moment& now) {
+  ds->SetDsTimestamp(now.wall);
+  const DS_ERROR result = m_pipe->PushDs(ds, false);
+  if (result != DS_ERROR_OK) {
+    GiveUp(ErrorCode::kFailed, "the pipeline refused dataset " + std::to_string(ds->GetN()));
+    return 0;
+  }
+  if (!m_newestClosed) m_status.closed = m_last;
+  m_last = ds->GetN();
+  m_newest = ds;
+  m_newestClosed = false;
+  return m_last;
+}
+
+void SourceEngine::PushNormal(const Moment& now) {
+  Push(std::make_shared<Dataset>(m_last + 1, true, m_config.datasetBytes, 0U), now);
+}
+
+void SourceEngine::CloseNewest() {
+  if (m_newestClosed) return;
+  m_newestClosed = true;
+  m_status.closed = m_last;
+  m_pipe->BumpDs();
+  m_newest.reset();
+}
+
+WriteResult SourceEngine::Write(std::uint8_t volume, std::uint64_t offset,
+                                std::shared_ptr<const std::uint8_t[]> data, std::uint32_t length,
+                                const Moment& now) {
+  if (!m_pipe || m_status.phase == SourcePhase::kStopped) return WriteResult::kStopped;
+  if (volume >= m_config.volumes.size() || length == 0 || length > m_config.datasetBytes) {
+    return WriteResult::kOutside;
+  }
+  const std::uint64_t size = m_config.volumes[volume].size;
+  if (offset > size || length > size - offset) return WriteResult::kOutside;
+  if (!HasOpenNormal()) PushNormal(now);
+  InternalData buf{m_volumeIds[volume], offset, length, std::move(data), 0};
+  DS_ERROR result = m_pipe->PushBuf(buf, length);
+  if (result == DS_ERROR_OUT_OF_RANGE) {  // full: the next one takes it
+    PushNormal(now);
+    result = m_pipe->PushBuf(buf, length);
+  }
+  if (result != DS_ERROR_OK) {
+    GiveUp(ErrorCode::kFailed, "the pipeline refused a write");
+    return WriteResult::kStopped;
+  }
+  m_normalHeld[m_last] += length;
+  m_normalBytes += length;
+  Settle(now);
+  return WriteResult::kOk;
+}
+
+std::uint64_t SourceEngine::CloseDataset(const Moment& now) {
+  if (!m_pipe || m_status.phase == SourcePhase::kStopped) return 0;
+  if (!HasOpenNormal()) PushNormal(now);
+  const std::uint64_t n = m_last;
+  CloseNewest();
+  Settle(now);
+  return n;
+}
+
+// --- Reports, in the pipeline's order. ---
+
+void SourceEngine::AckUpTo(std::uint64_t n) {
+  while (!m_cursors.empty() && m_cursors.begin()->first <= n) {
+    const auto place = m_cursors.begin();
+    const std::uint64_t acked = place->first;
+    m_pipe->Ack(acked, nullptr);
+    m_inFlight -= place->second.bytes;
+    m_ackedChain = m_chains[acked] = place->second.chain;
+    m_cursors.erase(place);
+    m_status.durable = acked;
+    m_resyncRange.erase(acked);
+    if (const auto held = m_held.find(acked); held != m_held.end()) {
+      m_reserved -= held->second;
+      m_held.erase(held);
+    }
+    if (const auto held = m_normalHeld.find(acked); held != m_normalHeld.end()) {
+      m_normalBytes -= held->second;
+      m_normalHeld.erase(held);
+    }
+  }
+}
+
+void SourceEngine::DoneUpTo(std::uint64_t n) {
+  while (m_status.applied < std::min(n, m_base)) ++m_status.applied;
+  for (std::uint64_t k = m_status.applied + 1; k <= n; ++k) m_pipe->Done(k, true, false);
+}
+
+void SourceEngine::FlushedUpTo(std::uint64_t n) {
+  while (m_status.flushed < std::min(n, m_base)) ++m_status.flushed;
+  for (std::uint64_t k = m_status.flushed + 1; k <= n; ++k) m_pipe->Flushed(k, true);
+  m_chains.erase(m_chains.begin(), m_chains.lower_bound(n));
+}
+
+// --- Sending. ---
+
+void SourceEngine::ResetCursors() {
+  m_inFlight = 0;
+  for (auto& [n, cursor] : m_cursors) {
+    if (cursor.ended) ++m_status.resentDatasets;
+    cursor.started = cursor.ended = false;
+    cursor.sent = 0;
+    cursor.bytes = cursor.extents = cursor.rawBytes = 0;
+    cursor.digest = DatasetDigest();
+  }
+}
+
+void SourceEngine::Pump() {
+  for (auto& [n, cursor] : m_cursors) {
+    if (!PumpOne(cursor)) return;
+  }
+}
+
+// Returns whether the dataset was sent to its end: only then may the next one begin.
+bool SourceEngine::PumpOne(Cursor& cursor) {
+  if (cursor.ended) return true;
+  if (!TakeUnits(cursor)) return false;
+  if (!cursor.started) SendStart(cursor);
+  while (cursor.sent < cursor.blocks.size()) {
+    const BlockPtr& block = cursor.blocks[cursor.sent];
+    if (!block) return false;  // being packed
+    const std::uint64_t bytes = RecordBytes(*block).size();
+    if (!FitsWindow(cursor, bytes)) return false;
+    ++cursor.sent;
+    cursor.bytes += bytes;
+    cursor.extents += block->extentCount;
+    cursor.rawBytes += block->rawLength;
+    cursor.digest.AddBlock(*block);
+    m_inFlight += bytes;
+    m_status.sentBytes += bytes;
+    Send(Frame::OfBlock(block));
+  }
+  if (!cursor.ds->IsSealed()) return false;
+  SendEnd(cursor);
+  return true;
+}
+
+// The oldest dataset that is not acknowledged is always sent whole: the target can't acknowledge a
+// part of it.
+bool SourceEngine::FitsWindow(const Cursor& cursor, std::uint64_t bytes) const {
+  return &cursor == &m_cursors.begin()->second || m_inFlight + bytes <= m_window;
+}
+
+// Turns what the dataset has finished into blocks. Returns false when the engine gave up.
+bool SourceEngine::TakeUnits(Cursor& cursor) {
+  if (!cursor.units) cursor.units = cursor.ds->GetEnumerator();
+  std::pair<InternalData, PipeCompressedData> unit;
+  while (cursor.units->Next()) {
+    if (!cursor.units->Current(unit)) return false;
+    if (unit.second.payload) {
+      cursor.blocks.push_back(unit.second.payload);
+    } else {
+      SplitNormalUnit(cursor, unit.second);
+    }
+  }
+  return true;
+}
+
+namespace {
+
+// Cuts buffers into the parts of blocks: at most kMaxBlockBytes and kMaxExtents each, in order,
+// data and zeros (buffers without bytes) apart.
+class BlockCutter {
+ public:
+  template <class Emit>
+  void Add(const InternalData& buf, const Emit& emit) {
+    for (std::uint32_t from = 0; from < buf.length;) {
+      if (!m_parts.empty() && !m_parts.back().data != !buf.data) Flush(emit);
+      if (m_bytes == kMaxBlockBytes || m_parts.size() == kMaxExtents) Flush(emit);
+      InternalData part = buf;
+      part.offset += from;
+      part.length = std::min(buf.length - from, kMaxBlockBytes - m_bytes);
+      if (buf.data) part.data = {buf.data, buf.data.get() + from};
+      from += part.length;
+      m_bytes += part.length;
+      m_parts.push_back(std::move(part));
+    }
+  }
+
+  template <class Emit>
+  void Flush(const Emit& emit) {
+    if (!m_parts.empty()) emit(std::exchange(m_parts, {}));
+    m_bytes = 0;
+  }
+
+ private:
+  std::vector<InternalData> m_parts;
+  std::uint32_t m_bytes = 0;
+};
+
+}  // namespace
+
+void SourceEngine::SplitNormalUnit(Cursor& cursor, const PipeCompressedData& unit) {
+  const std::uint64_t n = cursor.ds->GetN();
+  for (const auto& [volume, buffers] : unit.origBuffers) {
+    const std::uint8_t index = cursor.ds->GetVolIdx().first.at(volume);
+    const auto emit = [&](std::vector<InternalData> parts) {
+      const Ticket ticket = ++m_lastTicket;
+      m_jobs[ticket] = {n, cursor.blocks.size(), m_connCount};
+      cursor.blocks.push_back(nullptr);
+      m_commands.emplace_back(PackBuffers{ticket, index, std::move(parts), m_config.compress});
+    };
+    BlockCutter cutter;
+    for (const InternalData& buf : buffers) cutter.Add(buf, emit);
+    cutter.Flush(emit);
+  }
+}
+
+void SourceEngine::Completed(BuffersPacked&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const auto [n, index, generation] = job->second;
+  m_jobs.erase(job);
+  const auto cursor = m_cursors.find(n);
+  if (cursor != m_cursors.end() && result.block) {
+    m_status.rawBytes += result.block->rawLength;
+    m_status.packedBytes += RecordBytes(*result.block).size();
+    cursor->second.blocks[index] = std::move(result.block);
+  }
+  Settle(now);
+}
+
+void SourceEngine::SendStart(Cursor& cursor) {
+  const Dataset& ds = *cursor.ds;
+  cursor.start = DatasetStart{};
+  cursor.start.n = ds.GetN();
+  cursor.start.timestampMs = ds.GetDsTimestamp();
+  cursor.start.group = GroupId(m_config.group);
+  cursor.start.datasetType = ds.GetDsType();
+  if (ds.GetInitialSyncComplete()) cursor.start.flags |= kStartSyncComplete;
+  if (ds.GetApplConsistentSnapshot()) cursor.start.flags |= kStartConsistent;
+  // The entries: a resync dataset's volume, also when nothing of it differed; else the volumes by
+  // their index.
+  if (ds.IsFingerprinted()) {
+    if (const auto range = m_resyncRange.find(ds.GetN()); range != m_resyncRange.end()) {
+      cursor.start.volumes.push_back(m_volumeIds[range->second.first]);
+      if (range->second.second == 0) cursor.start.flags |= kStartPassBegins;
+    }
+  } else {
+    const auto& indices = cursor.ds->GetVolIdx().first;
+    cursor.start.volumes.resize(indices.size());
+    for (const auto& [volume, index] : indices) cursor.start.volumes.at(index) = volume;
+  }
+  const Frame frame = Encode(cursor.start);
+  cursor.digest.AddStart(frame.Payload());
+  cursor.started = true;
+  Send(frame);
+}
+
+void SourceEngine::SendEnd(Cursor& cursor) {
+  const std::uint64_t n = cursor.ds->GetN();
+  const auto before = m_cursors.find(n - 1);
+  cursor.chain =
+      cursor.digest.Chain(before == m_cursors.end() ? m_ackedChain : before->second.chain);
+  DatasetEnd end;
+  end.n = n;
+  end.blocks = static_cast<std::uint32_t>(cursor.blocks.size());
+  end.extents = cursor.extents;
+  end.rawBytes = cursor.rawBytes;
+  end.chain = cursor.chain;
+  cursor.ended = cursor.wasSent = true;
+  m_status.sent = std::max(m_status.sent, n);
+  Send(Encode(end));
+}
+
+}  // namespace penstock

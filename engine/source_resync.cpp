@@ -1,0 +1,384 @@
+// SPDX-License-Identifier: Apache-2.0
+// The source's passes: every volume compared with the target, range by range, as resync datasets.
+#include <algorithm>
+#include <utility>
+
+#include "engine/planted.h"
+#include "engine/source_engine.h"
+
+namespace penstock {
+
+namespace {
+
+// The local fingerprint of a run that is known to differ. Its counterpart is twenty zero bytes,
+// which always keep a buffer, so that only its being there matters.
+constexpr BufFingerprint kDiffers{{1}};
+
+std::uint64_t RunOffset(const SourceWindow& window, const Run& run) {
+  return window.offset + std::uint64_t{run.firstBlock} * kCompareBytes;
+}
+
+std::uint32_t RunLength(const SourceWindow& window, const Run& run) {
+  const std::uint32_t from = std::uint32_t{run.firstBlock} * kCompareBytes;
+  return std::min(std::uint32_t{run.blocks} * kCompareBytes, window.length - from);
+}
+
+}  // namespace
+
+void SourceEngine::Resync(const Moment& now) {
+  m_passWanted = true;
+  m_passAfter = m_status.closed;
+  Settle(now);
+}
+
+// --- The pass. ---
+
+bool SourceEngine::PassMayBegin() const {
+  return m_passWanted && !m_passing && m_status.applied >= m_passAfter;
+}
+
+void SourceEngine::BeginPass() {
+  m_passWanted = false;
+  m_passing = true;
+  m_passVolume = 0;
+  m_passOffset = 0;
+  m_passCopies.clear();
+  m_status.passBytes = m_status.comparedBytes = m_status.equalBytes = 0;
+  for (std::size_t i = 0; i < m_remote.size(); ++i) {
+    m_status.passBytes += m_config.volumes[i].size;
+    // A new volume is compared with nothing, once: from here on it is not new any more.
+    m_passCopies.push_back(m_remote[i].state == VolumeState::kNew);
+    m_remote[i].state = VolumeState::kSyncing;
+  }
+}
+
+void SourceEngine::StepPass(const Moment& now) {
+  if (PassMayBegin()) BeginPass();
+  m_status.resyncing = m_passWanted || m_passing;
+  if (!m_passing) return;
+  while (m_passVolume < m_config.volumes.size()) {
+    const std::uint64_t size = m_config.volumes[m_passVolume].size;
+    const std::uint64_t length = std::min(m_config.resyncBytes, size - m_passOffset);
+    if (m_reserved > 0 && m_reserved + length > m_config.memory) return;
+    OpenResync(static_cast<std::uint8_t>(m_passVolume), m_passOffset, length, now);
+    m_passOffset += length;
+    if (m_passOffset == size) {
+      ++m_passVolume;
+      m_passOffset = 0;
+    }
+  }
+  if (m_resyncs.empty()) EndPass(now);
+}
+
+// The first point at which the group is good again: everything that the pass read is in a dataset
+// up to this one.
+void SourceEngine::EndPass(const Moment& now) {
+  if (!HasOpenNormal()) PushNormal(now);
+  m_newest->SetInitialSyncComplete();
+  m_status.syncedAt = m_last;
+  CloseNewest();
+  m_passing = false;
+  m_status.resyncing = m_passWanted;
+}
+
+// --- One resync dataset. ---
+
+void SourceEngine::OpenResync(std::uint8_t volume, std::uint64_t offset, std::uint64_t length,
+                              const Moment& now) {
+  auto work = std::make_unique<ResyncWork>();
+  const std::uint64_t n = work->n = m_last + 1;
+  work->volume = volume;
+  work->offset = offset;
+  work->length = length;
+  work->copy = m_passCopies[volume];
+  const std::uint64_t blocks = (length + kCompareBytes - 1) / kCompareBytes;
+  work->ds = std::make_shared<Dataset>(
+      n, std::vector<FingerprintRange>{{m_volumeIds[volume], offset, length}},
+      blocks * kCompareBytes);
+  work->ds->SetDSReceivedCb(
+      [this](const std::shared_ptr<Dataset>&, InternalData&) { m_kept = true; });
+  if (!work->copy) {
+    work->ds->InitFingerprintRequester(
+        [this, n](const std::vector<std::uint64_t>& prints, std::uint64_t id) {
+          // The batch's number is the dataset's and, in the low 16 bits, its first block's.
+          if (!prints.empty()) m_batches.emplace_back(n, id & 0xffffU);
+        });
+  }
+  for (std::uint64_t from = 0; from < length; from += kWindowBytes) {
+    SourceWindow window;
+    window.offset = offset + from;
+    window.length =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(kWindowBytes, length - from));
+    work->windows.push_back(std::move(window));
+  }
+  m_held[n] = length;
+  m_reserved += length;
+  m_resyncRange[n] = {volume, offset};
+  ResyncWork& kept = *work;
+  m_resyncs[n] = std::move(work);
+  if (Push(kept.ds, now) == 0) return;
+  // Held until every window is settled, so that it never looks sealed before.
+  kept.ds->MarkHasBuffers();
+  if (!kept.copy) {
+    for (std::uint64_t i = 0; i < blocks; ++i) kept.ds->IncTotal4KBlocks();
+  }
+  CloseNewest();
+}
+
+// --- Reading. ---
+
+void SourceEngine::StepFetch() {
+  while (m_fetching < m_config.fetchJobs && !m_refetch.empty()) {
+    const auto [n, window] = m_refetch.front();
+    m_refetch.pop_front();
+    if (const auto work = m_resyncs.find(n); work != m_resyncs.end()) Fetch(*work->second, window);
+  }
+  for (auto& [n, work] : m_resyncs) {
+    while (m_fetching < m_config.fetchJobs && work->toFetch < work->windows.size()) {
+      Fetch(*work, work->toFetch++);
+    }
+    if (m_fetching >= m_config.fetchJobs) return;
+  }
+}
+
+void SourceEngine::Fetch(ResyncWork& work, std::size_t index) {
+  SourceWindow& window = work.windows[index];
+  window.stage = WindowStage::kFetching;
+  ++m_fetching;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {work.n, index, m_connCount};
+  m_commands.emplace_back(FetchWindow{ticket, work.volume, window.offset, window.length, !work.copy,
+                                      m_hello.fingerprintSeed, m_config.compress});
+}
+
+void SourceEngine::Completed(WindowFetched&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const auto [n, index, generation] = job->second;
+  m_jobs.erase(job);
+  --m_fetching;
+  if (m_status.phase == SourcePhase::kStopped) return;
+  const auto place = m_resyncs.find(n);
+  if (place == m_resyncs.end()) return;
+  ResyncWork& work = *place->second;
+  SourceWindow& window = work.windows[index];
+  if (result.status != IoStatus::kOk) {
+    return GiveUp(ErrorCode::kFailed, "volume " + m_config.volumes[work.volume].name +
+                                          ": can't read at byte " + std::to_string(window.offset) +
+                                          ": " + result.error);
+  }
+  if (work.copy) {
+    TakeCopied(work, window, std::move(result));
+  } else if (generation != m_connCount) {
+    window.stage = WindowStage::kToFetch;  // fingerprinted for a connection that is gone
+    m_refetch.emplace_back(n, index);
+  } else {
+    window.stage = WindowStage::kFetched;
+    window.data = std::move(result.data);
+    window.fingerprints = std::move(result.fingerprints);
+    if (window.offered) {
+      m_batches.emplace_back(n, index * kWindowBlocks);
+    } else {
+      OfferFingerprints(work);
+    }
+  }
+  Settle(now);
+}
+
+// --- Asking. ---
+
+// In order, because the dataset's requester counts.
+void SourceEngine::OfferFingerprints(ResyncWork& work) {
+  while (work.toOffer < work.windows.size() &&
+         work.windows[work.toOffer].stage == WindowStage::kFetched) {
+    SourceWindow& window = work.windows[work.toOffer++];
+    window.offered = true;
+    for (const std::uint64_t print : window.fingerprints) work.ds->SendFingerprint4Match(print);
+  }
+}
+
+void SourceEngine::SendQueries() {
+  while (!m_batches.empty()) {
+    const auto [n, start] = m_batches.front();
+    m_batches.pop_front();
+    const auto work = m_resyncs.find(n);
+    if (work == m_resyncs.end()) continue;
+    const std::size_t index = start / kWindowBlocks;
+    if (index < work->second->windows.size()) SendQuery(*work->second, index);
+  }
+}
+
+void SourceEngine::SendQuery(ResyncWork& work, std::size_t index) {
+  SourceWindow& window = work.windows[index];
+  if (window.stage != WindowStage::kFetched) return;  // a batch may be handed out twice
+  window.stage = WindowStage::kQueried;
+  Query query;
+  query.n = work.n;
+  query.volume = work.volume;
+  query.offset = window.offset;
+  query.length = window.length;
+  query.firstBlock = static_cast<std::uint32_t>((window.offset - work.offset) / kCompareBytes);
+  query.fingerprints = window.fingerprints;
+  Send(Encode(query));
+}
+
+// The answers of the lost connection won't come: read again, so that the new connection's seed and
+// what was written meanwhile are in the fingerprints.
+void SourceEngine::AskAgain() {
+  m_batches.clear();
+  for (auto& [n, work] : m_resyncs) {
+    for (std::size_t i = 0; i < work->windows.size(); ++i) {
+      SourceWindow& window = work->windows[i];
+      if (window.stage != WindowStage::kFetched && window.stage != WindowStage::kQueried) continue;
+      window.stage = WindowStage::kToFetch;
+      window.data.reset();
+      m_refetch.emplace_back(n, i);
+    }
+  }
+}
+
+void SourceEngine::TakeAnswer(const Frame& frame, const Moment& now) {
+  Answer answer;
+  if (std::string why = Decode(frame.Payload(), answer); !why.empty()) return Refuse(why, now);
+  const auto place = m_resyncs.find(answer.n);
+  if (place == m_resyncs.end()) return Refuse("an answer to no question", now);
+  ResyncWork& work = *place->second;
+  const std::uint64_t from = answer.offset - work.offset;
+  const std::size_t index = from / kWindowBytes;
+  if (answer.offset < work.offset || from % kWindowBytes != 0 || index >= work.windows.size() ||
+      answer.volume != work.volume || work.windows[index].length != answer.length ||
+      work.windows[index].stage != WindowStage::kQueried) {
+    return Refuse("an answer to no question", now);
+  }
+  SourceWindow& window = work.windows[index];
+  window.stage = WindowStage::kPacking;
+  window.answer = std::move(answer.runs);
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {work.n, index, m_connCount};
+  m_commands.emplace_back(
+      PackRuns{ticket, 0, window.offset, window.length, window.data, window.answer, m_hello.runKey,
+               work.n, static_cast<std::uint32_t>((window.offset - work.offset) / kCompareBytes),
+               m_config.compress});
+}
+
+// --- Deciding. ---
+
+void SourceEngine::TakeCopied(ResyncWork& work, SourceWindow& window, WindowFetched&& result) {
+  window.answer = result.nonZero;
+  std::uint64_t data = 0;
+  for (const Run& run : result.nonZero) data += RunLength(window, run);
+  m_status.equalBytes += window.length - data;
+  Admit(work, window, result.nonZero);
+  FinalizeKept(work, window, result.block);
+}
+
+void SourceEngine::Completed(RunsPacked&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const auto [n, index, generation] = job->second;
+  m_jobs.erase(job);
+  const auto place = m_resyncs.find(n);
+  if (place == m_resyncs.end() || m_status.phase == SourcePhase::kStopped) return;
+  TakePacked(*place->second, place->second->windows[index], std::move(result));
+  Settle(now);
+}
+
+void SourceEngine::TakePacked(ResyncWork& work, SourceWindow& window, RunsPacked&& result) {
+  const std::size_t index = static_cast<std::size_t>(&window - work.windows.data());
+  if (window.kept.empty() && !window.admitted) {
+    window.admitted = true;
+    Admit(work, window, result.runs);
+    // Runs whose 64-bit fingerprints were equal and whose strong ones were not: packed with the
+    // others, once more.
+    bool again = false;
+    for (Run& run : window.answer) {
+      const std::uint64_t offset = RunOffset(window, run);
+      const bool isKept =
+          std::any_of(window.kept.begin(), window.kept.end(),
+                      [&](const InternalData& buf) { return buf.offset == offset; });
+      again = again || (run.equal && isKept);
+      run.equal = !isKept;
+    }
+    if (again) {
+      const Ticket ticket = ++m_lastTicket;
+      m_jobs[ticket] = {work.n, index, m_connCount};
+      std::vector<Run> different;
+      for (const Run& run : window.answer) {
+        if (!run.equal) different.push_back(run);
+      }
+      m_commands.emplace_back(PackRuns{ticket, 0, window.offset, window.length, window.data,
+                                       std::move(different), m_hello.runKey, work.n, 0,
+                                       m_config.compress});
+      return;
+    }
+  }
+  FinalizeKept(work, window, result.block);
+}
+
+// `runs` carry our strong fingerprints, the window's answer theirs.
+void SourceEngine::Admit(ResyncWork& work, SourceWindow& window, const std::vector<Run>& runs) {
+  for (std::size_t i = 0; i < runs.size() && i < window.answer.size(); ++i) {
+    AdmitRun(work, window, runs[i], window.answer[i]);
+  }
+}
+
+void SourceEngine::AdmitRun(ResyncWork& work, SourceWindow& window, const Run& ours,
+                            const Run& theirs) {
+  InternalData buf{m_volumeIds[work.volume], RunOffset(window, ours), RunLength(window, ours),
+                   window.data, 0};
+  if (work.ds->AddBuffer(buf, buf.length) != DS_ERROR_OK) {
+    return GiveUp(ErrorCode::kFailed,
+                  "dataset " + std::to_string(work.n) + " refused a buffer of its own range");
+  }
+  m_kept = false;
+  const bool weak = Planted(Fault::kWeakMatch);
+  work.ds->AddLocalFingerprint(buf, theirs.equal ? ours.strong : kDiffers);
+  work.ds->AddRemoteFingerprint(
+      buf, theirs.equal ? (weak ? ours.strong : theirs.strong) : BufFingerprint{});
+  if (m_kept) {
+    buf.data.reset();
+    window.kept.push_back(buf);
+  } else {
+    m_status.equalBytes += buf.length;
+  }
+}
+
+// One unit carries what is kept of a window: it is queued under the first buffer, the others are
+// finalized with units that are not sent.
+void SourceEngine::FinalizeKept(ResyncWork& work, SourceWindow& window, const BlockPtr& block) {
+  if (!window.kept.empty()) {
+    if (!block) return GiveUp(ErrorCode::kFailed, "a window was packed without its data");
+    PipeCompressedData unit;
+    unit.totalBufs = window.kept.size();
+    unit.payload = block;
+    m_status.rawBytes += block->rawLength;
+    m_status.packedBytes += RecordBytes(*block).size();
+    work.ds->FinalizeBuffer(window.kept.front(), unit);
+    PipeCompressedData silent;
+    silent.toXmit = false;
+    for (std::size_t i = 1; i < window.kept.size(); ++i) {
+      work.ds->FinalizeBuffer(window.kept[i], silent);
+    }
+  }
+  const std::uint64_t retained =
+      window.kept.empty() ? 0 : std::min<std::uint64_t>(RecordBytes(*block).size(), window.length);
+  m_held[work.n] -= window.length - retained;
+  m_reserved -= window.length - retained;
+  WindowSettled(work, window);
+}
+
+// Ends `work` with its last window.
+void SourceEngine::WindowSettled(ResyncWork& work, SourceWindow& window) {
+  window.stage = WindowStage::kSettled;
+  window.data.reset();
+  window.fingerprints = {};
+  window.answer = {};
+  window.kept = {};
+  m_status.comparedBytes += window.length;
+  if (++work.settled < work.windows.size()) return;
+  const auto ds = work.ds;
+  m_resyncs.erase(work.n);
+  ds->MarkDoneBuffers();
+}
+
+}  // namespace penstock
