@@ -65,8 +65,7 @@ bool ProbeShrinks(Bytes data) {
 template <class ExtentAt>
 BlockPtr MakeBlock(std::uint8_t volumeIndex, Codec codec, std::size_t extents, ExtentAt extentAt,
                    std::size_t dataBytes) {
-  BlockPtr block =
-      OM_DP::MakeCompressedData(static_cast<std::uint32_t>(extents * kExtentBytes + dataBytes));
+  BlockPtr block = AllocateBlock(static_cast<std::uint32_t>(extents * kExtentBytes + dataBytes));
   block->volumeIndex = volumeIndex;
   block->codec = static_cast<std::uint8_t>(codec);
   block->extentCount = static_cast<std::uint16_t>(extents);
@@ -124,6 +123,14 @@ Bytes Compress(Bytes data, const CompressSpec& spec) {
 }
 
 }  // namespace
+
+BlockPtr AllocateBlock(std::uint32_t length) {
+  const auto bytes =
+      std::make_shared_for_overwrite<std::uint8_t[]>(sizeof(OM_DP::CompressedData) + length);
+  auto* const record = new (bytes.get()) OM_DP::CompressedData{};
+  record->length = length;
+  return {bytes, record};
+}
 
 BlockPtr PackBlock(std::uint8_t volumeIndex, std::span<const Piece> pieces,
                    const CompressSpec& spec) {

@@ -124,7 +124,7 @@ class Reader {
     const std::uint32_t size = command.payloadSize;
     if (!CheckPayload(at, size, kBlockBytes, kBlockBytes + kMaxBodyBytes)) return false;
     const std::uint64_t recordAt = m_at;
-    const BlockPtr block = OM_DP::MakeCompressedData(size - kBlockBytes);
+    const BlockPtr block = AllocateBlock(size - kBlockBytes);
     if (!Read(reinterpret_cast<std::uint8_t*>(block.get()), size)) return false;
     // No block is without an extent; a record of another size would not even hold a trailer.
     if (block->extentCount == 0 && size == kBlockBytes + kTrailerBody) {

@@ -194,10 +194,10 @@ class SourceEngine {
   void OpenResync(std::uint8_t volume, std::uint64_t offset, std::uint64_t length,
                   const Moment& now);
   void StepFetch();
-  void Fetch(ResyncWork& work, std::size_t window);
+  void Fetch(ResyncWork& work, std::size_t index);
   void OfferFingerprints(ResyncWork& work);
   void SendQueries();
-  void SendQuery(ResyncWork& work, std::size_t window);
+  void SendQuery(ResyncWork& work, std::size_t index);
   void TakeAnswer(const Frame& frame, const Moment& now);
   void TakeCopied(ResyncWork& work, Window& window, WindowFetched&& result);
   void TakePacked(ResyncWork& work, Window& window, RunsPacked&& result);

@@ -77,8 +77,8 @@ void TargetGroup::FileApplied(const JournalRecord& record, const std::string& vo
     case IoStatus::kDamaged: LoseFile(record.n, volume, done.error); break;
     case IoStatus::kNoSpace:
       m_applyBlocked = true;
-      m_trouble = "no space to apply dataset " + std::to_string(record.n) + ": " + done.error;
-      m_port.commands.emplace_back(Note{NoteLevel::kError, m_trouble});
+      m_applyTrouble = "no space to apply dataset " + std::to_string(record.n) + ": " + done.error;
+      m_port.commands.emplace_back(Note{NoteLevel::kError, m_applyTrouble});
       break;
   }
   if (m_applying > 0) return;
@@ -92,6 +92,7 @@ void TargetGroup::FileApplied(const JournalRecord& record, const std::string& vo
 void TargetGroup::RecordApplied(const JournalRecord& record) {
   m_toApply.pop_front();
   m_applied = record.n;
+  m_applyTrouble.clear();
   Report(FrameType::kDone, record.n, record.chain);
 }
 

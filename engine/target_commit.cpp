@@ -32,10 +32,10 @@ void TargetGroup::TrySync() {
   for (const std::string& name : dirty) m_volumes.at(name).dirty = false;
   for (Arrival* arrival : written) arrival->stage = ArrivalStage::kSyncing;
   m_syncing = true;
-  IssueSync(std::move(dirty), applied);
+  IssueSync(dirty, applied);
 }
 
-void TargetGroup::IssueSync(std::vector<std::string> volumes, std::uint64_t applied) {
+void TargetGroup::IssueSync(const std::vector<std::string>& volumes, std::uint64_t applied) {
   const Ticket ticket = Ask([this, volumes, applied](const IoDone& done) {
     if (done.status != IoStatus::kOk) {
       if (Planted(Fault::kRetryFsync)) return IssueSync(volumes, applied);
@@ -74,6 +74,7 @@ void TargetGroup::TryCommit() {
       volumes[name].goodAt = m_state.flushed;
     }
   }
+  if (change.flushed > m_state.flushed) change.dropJournalUpTo = change.flushed;
   for (auto& [name, record] : m_changed) volumes[name] = record;
   m_changed.clear();
   if (taken == 0 && !isEpoch && volumes.empty() && change.flushed == m_state.flushed) return;
@@ -135,7 +136,6 @@ void TargetGroup::AddFlushed(StateChange& change, std::map<std::string, VolumeRe
     if (record.n > change.flushed) change.flushedAtMs = record.timestampMs;
   }
   change.flushed = std::max(change.flushed, m_synced);
-  change.dropJournalUpTo = m_synced;
   if (!complete) return;
   for (const auto& [name, volume] : m_volumes) {
     if (volume.record.state != VolumeState::kSyncing) continue;
@@ -181,6 +181,7 @@ void TargetGroup::Committed(const StateChange& change, std::size_t taken, bool w
     Report(FrameType::kFlushed, m_state.flushed, flushedChain);
     RemoveFlushed(change.dropJournalUpTo);
   }
+  if (TargetPeer* peer = FindPeer(m_source)) Throttle(*peer);
 }
 
 void TargetGroup::Report(FrameType type, std::uint64_t n, const Digest& chain) {
@@ -206,7 +207,6 @@ void TargetGroup::RemoveFlushed(std::uint64_t upTo) {
       m_port.commands.emplace_back(JournalRemove{ticket, m_state.group, volume, record.n, false});
     }
   }
-  if (TargetPeer* peer = FindPeer(m_source)) Throttle(*peer);
 }
 
 }  // namespace penstock

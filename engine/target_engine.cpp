@@ -54,7 +54,7 @@ void TargetEngine::Refuse(ConnId conn, ErrorCode code, const std::string& why) {
 }
 
 void TargetEngine::Connected(ConnId conn, const std::string& identity, const Moment& now) {
-  m_conns[conn] = Conn{identity, now.steady + m_config.helloTimeout, kNoGroup, false};
+  m_conns[conn] = Conn{identity, now.steady + m_config.helloTimeout, now.steady, kNoGroup, false};
   if (m_conns.size() > m_config.maxConnections) {
     Refuse(conn, ErrorCode::kBusy, "too many connections");
   }
@@ -64,6 +64,7 @@ void TargetEngine::Received(ConnId conn, const Frame& frame, const Moment& now) 
   const auto place = m_conns.find(conn);
   if (place == m_conns.end()) return;  // of a connection that was closed
   Conn& known = place->second;
+  known.heard = now.steady;
   known.deadline = now.steady + m_config.idleTimeout;
   if (known.group != kNoGroup) return m_groups[known.group]->Received(conn, frame, now);
   if (known.asksStatus && frame.type == FrameType::kStatusQuery) {
@@ -180,14 +181,18 @@ void TargetEngine::Completed(const WindowCompared& compared, const Moment& now) 
   if (TargetGroup* group = GroupOf(compared.ticket)) group->Completed(compared, now);
 }
 
+bool TargetEngine::IsPaused(ConnId conn, const Conn& known) const {
+  return known.group != kNoGroup && m_groups[known.group]->IsPaused(conn);
+}
+
 void TargetEngine::Tick(const Moment& now) {
   std::vector<ConnId> late;
   for (auto& [conn, known] : m_conns) {
-    if (known.group != kNoGroup && m_groups[known.group]->IsPaused(conn)) {
-      // It is we who don't listen.
-      const Millis next = now.steady + m_config.pingAfter;
-      if (now.steady < known.deadline && known.deadline <= next) continue;
-      known.deadline = next;
+    if (IsPaused(conn, known)) {
+      // It is we who don't listen: it has its whole time again once we do.
+      if (now.steady < known.heard + m_config.pingAfter) continue;
+      known.heard = now.steady;
+      known.deadline = now.steady + m_config.idleTimeout;
       m_commands.emplace_back(SendFrame{conn, Encode(FrameType::kPing, Ping{0})});
     } else if (now.steady >= known.deadline) {
       late.push_back(conn);
@@ -203,7 +208,10 @@ void TargetEngine::Tick(const Moment& now) {
 
 Millis TargetEngine::NextDeadline() const {
   Millis next = std::numeric_limits<Millis>::max();
-  for (const auto& [conn, known] : m_conns) next = std::min(next, known.deadline);
+  for (const auto& [conn, known] : m_conns) {
+    const bool paused = IsPaused(conn, known);
+    next = std::min(next, paused ? known.heard + m_config.pingAfter : known.deadline);
+  }
   for (const auto& group : m_groups) next = std::min(next, group->NextDeadline());
   return next;
 }

@@ -62,11 +62,13 @@ class TargetEngine {
   struct Conn {
     std::string identity;
     Millis deadline = 0;  // for HELLO, then for any frame
+    Millis heard = 0;     // the last frame, or our last ping while we don't listen
     std::uint64_t group = kNoGroup;
     bool asksStatus = false;
   };
 
   TargetGroup* GroupOf(Ticket ticket);
+  bool IsPaused(ConnId conn, const Conn& known) const;
   TargetPort Port();
   void TakeHello(ConnId conn, const Frame& frame, const Moment& now);
   void Refuse(ConnId conn, ErrorCode code, const std::string& why);

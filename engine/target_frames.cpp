@@ -110,6 +110,7 @@ void TargetGroup::TakeStart(TargetPeer& peer, const Frame& frame) {
   arrival->digest.AddStart(frame.Payload());
   arrival->start = std::move(start);
   m_arrivals.push_back(std::move(arrival));
+  Throttle(peer);
 }
 
 void TargetGroup::TakeBlock(TargetPeer& peer, const Frame& frame) {

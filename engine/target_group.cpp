@@ -72,6 +72,13 @@ void TargetGroup::Greet(ConnId conn, const std::string& identity, const Hello& h
   peer.identity = identity;
   peer.hello = hello;
   if (!m_recovered) return Refuse(conn, ErrorCode::kBusy, "the group is being recovered");
+  const auto unknown =
+      std::count_if(hello.volumes.begin(), hello.volumes.end(),
+                    [&](const HelloVolume& volume) { return !m_volumes.contains(volume.name); });
+  if (m_volumes.size() + static_cast<std::size_t>(unknown) > kMaxVolumes) {
+    return Refuse(conn, ErrorCode::kVolume,
+                  "a group has at most " + std::to_string(kMaxVolumes) + " volumes");
+  }
   if (hello.purpose == Purpose::kReplicate) {
     if (hello.epoch > m_epoch) {
       return Refuse(conn, ErrorCode::kFork,
@@ -243,7 +250,8 @@ void TargetGroup::Welcome(TargetPeer& peer) {
 void TargetGroup::Throttle(TargetPeer& peer) {
   const TargetConfig& config = m_port.config;
   const bool full = peer.queued > config.queueBytes || peer.queries > config.queueQueries ||
-                    (peer.conn == m_source && Status().journalBytes > config.journalQuota);
+                    (peer.conn == m_source && (m_arrivals.size() > config.queueDatasets ||
+                                               JournalBytes() > config.journalQuota));
   if (full != peer.reading) return;
   peer.reading = !full;
   m_port.commands.emplace_back(SetReading{peer.conn, peer.reading});
@@ -261,6 +269,12 @@ void TargetGroup::Unqueue(ConnId conn, std::uint64_t bytes) {
   Throttle(*peer);
 }
 
+std::uint64_t TargetGroup::JournalBytes() const {
+  std::uint64_t bytes = 0;
+  for (const JournalRecord& record : m_state.journal) bytes += record.bytes;
+  return bytes;
+}
+
 GroupStatus TargetGroup::Status() const {
   GroupStatus status;
   status.state = m_state;
@@ -273,10 +287,10 @@ GroupStatus TargetGroup::Status() const {
   }
   status.applied = m_applied;
   status.arriving = m_arrivals.empty() ? m_state.durable : m_arrivals.back()->n;
-  for (const JournalRecord& record : m_state.journal) status.journalBytes += record.bytes;
+  status.journalBytes = JournalBytes();
   status.recovering = !m_recovered;
   status.connected = m_source != 0;
-  status.trouble = m_trouble;
+  status.trouble = m_applyTrouble.empty() ? m_trouble : m_applyTrouble;
   return status;
 }
 

@@ -98,6 +98,7 @@ class TargetGroup {
   std::string CheckEnd(const DatasetEnd& end, Arrival& arrival);
   bool IsGranted(const TargetPeer& peer, const std::string& volume) const;
   void Throttle(TargetPeer& peer);
+  std::uint64_t JournalBytes() const;
   void Unqueue(ConnId conn, std::uint64_t bytes);
 
   // target_store.cpp, target_commit.cpp, target_apply.cpp: arriving, durable, flushed, applied.
@@ -118,7 +119,7 @@ class TargetGroup {
   Arrival* FindArrival(std::uint64_t n);
   void TrySync();
   void TryCommit();
-  void IssueSync(std::vector<std::string> volumes, std::uint64_t applied);
+  void IssueSync(const std::vector<std::string>& volumes, std::uint64_t applied);
   std::size_t AddReady(StateChange& change, std::map<std::string, VolumeRecord>& volumes);
   void AddFlushed(StateChange& change, std::map<std::string, VolumeRecord>& volumes);
   void Committed(const StateChange& change, std::size_t taken, bool wasEpoch);
@@ -140,6 +141,7 @@ class TargetGroup {
   bool m_recovered = false;
   bool m_halted = false;
   std::string m_trouble;
+  std::string m_applyTrouble;  // of the dataset that waits to be applied
 
   std::map<ConnId, TargetPeer> m_peers;
   ConnId m_source = 0;             // the peer that replicates

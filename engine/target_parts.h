@@ -26,6 +26,7 @@ struct TargetConfig {
   // Limits. They are checked before anything is allocated by a peer's word.
   std::uint64_t window = 96U << 20U;          // bytes a source may send beyond what is durable
   std::uint64_t queueBytes = 32U << 20U;      // taken from a connection and not yet written
+  std::uint32_t queueDatasets = 1024;         // begun by a source and not yet durable
   std::uint32_t queueQueries = 64;            // comparisons under way for a connection
   std::uint64_t journalQuota = 16ULL << 30U;  // bytes of files that are not yet flushed
   std::uint32_t maxBlocks = 1U << 20U;        // in one dataset

@@ -71,7 +71,7 @@ class Rows {
           Insert("REPLACE INTO groups VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)", "tnnnbnnnnnnnn");
           break;
         case 1: Insert("REPLACE INTO volumes VALUES (?,?,?,?,?)", "ttnnn"); break;
-        default: Insert("REPLACE INTO journal VALUES (?,?,?,?,?,?)", "tnnbtn"); break;
+        default: Insert("REPLACE INTO journal VALUES (?,?,?,?,?,?,?)", "tnnbtnn"); break;
       }
     }
   }

@@ -215,7 +215,7 @@ void FrameReader::BeginPayload() {
   }
   m_filled = 0;
   if (static_cast<FrameType>(header.type) == FrameType::kBlock) {
-    const BlockPtr record = OM_DP::MakeCompressedData(header.payloadSize - kRecordBytes);
+    const BlockPtr record = AllocateBlock(header.payloadSize - kRecordBytes);
     m_body = reinterpret_cast<std::uint8_t*>(record.get());
     m_frame = Frame::OfBlock(record);
     return;

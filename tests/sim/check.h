@@ -19,8 +19,7 @@ using Point = std::vector<std::uint64_t>;  // the hash of each volume
 
 class Checker {
  public:
-  Checker(World& world, std::vector<SourceVolume> volumes)
-      : m_world(world), m_volumes(std::move(volumes)) {}
+  explicit Checker(std::vector<SourceVolume> volumes) : m_volumes(std::move(volumes)) {}
 
   // A source closed dataset n, with its volumes being so, and sent it with this chain value.
   void Sent(const Digest& chain, const Point& point) { m_points[chain] = point; }
@@ -45,7 +44,6 @@ class Checker {
   bool mayLose = false;  // a fault that no target can see was injected: a committed file is damaged
 
  private:
-  World& m_world;
   std::vector<SourceVolume> m_volumes;
   std::map<Digest, Point> m_points;
   std::map<std::uint64_t, Digest> m_chainOf;  // of committed datasets

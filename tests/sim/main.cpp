@@ -27,7 +27,7 @@ class Simulation {
     m_world.verbose = verbose;
     DrawVolumes();
     DrawFaults();
-    m_checker = std::make_unique<Checker>(m_world, m_volumes);
+    m_checker = std::make_unique<Checker>(m_volumes);
     m_target = std::make_unique<TargetNode>(m_world, m_link, *m_checker);
     AddSource();
   }

@@ -63,61 +63,73 @@ void TargetNode::RunIo(const std::string& key, const Command& command,
   });
 }
 
+void TargetNode::OpenFile(const JournalOpen& open) {
+  const std::string path = FilePath(open.volume, open.n);
+  RunIo(path, open, [this, path, start = open.start](IoDone&) {
+    if (const IoStatus status = m_disk.Create(path); status != IoStatus::kOk) return status;
+    const Bytes record{reinterpret_cast<const std::uint8_t*>(start.get()),
+                       sizeof(OM_DP::DatasetStartv2) + std::size_t{16} * start->count};
+    const auto header =
+        FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::DatasetStartv2);
+    auto& sum = m_sums[path] = std::make_unique<DatasetFileSum>();
+    const IoStatus status = m_disk.Write(path, 0, header);
+    sum->AddStart(record);
+    return status != IoStatus::kOk ? status : m_disk.Write(path, header.size(), record);
+  });
+}
+
+void TargetNode::AppendToFile(const JournalAppend& append) {
+  const std::string path = FilePath(append.volume, append.n);
+  RunIo(path, append, [this, path, c = append](IoDone& done) {
+    const IoStatus checked = CheckArrived(*c.block, c.size, c.volumeSize, done.error);
+    if (checked != IoStatus::kOk) return checked;
+    if (!m_sums.contains(path)) return IoStatus::kNoSpace;  // it could not be made
+    const Bytes record = RecordBytes(*c.block);
+    const auto header =
+        FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::CompressedData);
+    DatasetFileSum& sum = *m_sums.at(path);
+    const std::uint64_t at = sum.Size();
+    const bool strays = m_world.Strikes(m_world.faults.misdirect);
+    const bool early = strays && m_world.rng.Chance(0.5);
+    if (strays) {
+      m_world.Log("target: a write is misdirected");
+      m_checker.mayLose = true;
+    }
+    sum.AddBlock(*c.block);
+    if (early) m_disk.MisdirectNextWrite();
+    const IoStatus status = m_disk.Write(path, at, header);
+    if (status != IoStatus::kOk) return status;
+    if (strays && !early) m_disk.MisdirectNextWrite();
+    return m_disk.Write(path, at + header.size(), record);
+  });
+}
+
+void TargetNode::CloseFile(const JournalClose& close) {
+  const std::string path = FilePath(close.volume, close.n);
+  RunIo(path, close, [this, path](IoDone& done) {
+    if (!m_sums.contains(path)) return IoStatus::kNoSpace;
+    const BlockPtr trailer = m_sums.at(path)->MakeTrailer();
+    const std::uint64_t at = m_sums.at(path)->Size();
+    m_sums.erase(path);
+    const Bytes record = RecordBytes(*trailer);
+    const auto header =
+        FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::CompressedData);
+    IoStatus status = m_disk.Write(path, at, header);
+    if (status == IoStatus::kOk) status = m_disk.Write(path, at + header.size(), record);
+    if (status != IoStatus::kOk) return status;
+    done.bytes = m_disk.Size(path);
+    if (m_world.Strikes(m_world.faults.syncFails)) m_disk.FailNextSync();
+    return m_disk.Sync(path);
+  });
+}
+
 void TargetNode::JournalCommands(TargetCommand& command) {
   if (auto* open = std::get_if<JournalOpen>(&command)) {
-    const std::string path = FilePath(open->volume, open->n);
-    RunIo(path, *open, [this, path, start = open->start](IoDone&) {
-      if (const IoStatus status = m_disk.Create(path); status != IoStatus::kOk) return status;
-      const Bytes record{reinterpret_cast<const std::uint8_t*>(start.get()),
-                         sizeof(OM_DP::DatasetStartv2) + std::size_t{16} * start->count};
-      const auto header =
-          FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::DatasetStartv2);
-      auto& sum = m_sums[path] = std::make_unique<DatasetFileSum>();
-      const IoStatus status = m_disk.Write(path, 0, header);
-      sum->AddStart(record);
-      return status != IoStatus::kOk ? status : m_disk.Write(path, header.size(), record);
-    });
+    OpenFile(*open);
   } else if (auto* append = std::get_if<JournalAppend>(&command)) {
-    const std::string path = FilePath(append->volume, append->n);
-    RunIo(path, *append, [this, path, c = *append](IoDone& done) {
-      const IoStatus checked = CheckArrived(*c.block, c.size, c.volumeSize, done.error);
-      if (checked != IoStatus::kOk) return checked;
-      if (!m_sums.contains(path)) return IoStatus::kNoSpace;  // it could not be made
-      const Bytes record = RecordBytes(*c.block);
-      const auto header =
-          FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::CompressedData);
-      DatasetFileSum& sum = *m_sums.at(path);
-      const std::uint64_t at = sum.Size();
-      const bool strays = m_world.Strikes(m_world.faults.misdirect);
-      const bool early = strays && m_world.rng.Chance(0.5);
-      if (strays) {
-        m_world.Log("target: a write is misdirected");
-        m_checker.mayLose = true;
-      }
-      sum.AddBlock(*c.block);
-      if (early) m_disk.MisdirectNextWrite();
-      const IoStatus status = m_disk.Write(path, at, header);
-      if (status != IoStatus::kOk) return status;
-      if (strays && !early) m_disk.MisdirectNextWrite();
-      return m_disk.Write(path, at + header.size(), record);
-    });
+    AppendToFile(*append);
   } else if (auto* close = std::get_if<JournalClose>(&command)) {
-    const std::string path = FilePath(close->volume, close->n);
-    RunIo(path, *close, [this, path](IoDone& done) {
-      if (!m_sums.contains(path)) return IoStatus::kNoSpace;
-      const BlockPtr trailer = m_sums.at(path)->MakeTrailer();
-      const std::uint64_t at = m_sums.at(path)->Size();
-      m_sums.erase(path);
-      const Bytes record = RecordBytes(*trailer);
-      const auto header =
-          FileCommand(static_cast<std::uint32_t>(record.size()), DPPCmdType::CompressedData);
-      IoStatus status = m_disk.Write(path, at, header);
-      if (status == IoStatus::kOk) status = m_disk.Write(path, at + header.size(), record);
-      if (status != IoStatus::kOk) return status;
-      done.bytes = m_disk.Size(path);
-      if (m_world.Strikes(m_world.faults.syncFails)) m_disk.FailNextSync();
-      return m_disk.Sync(path);
-    });
+    CloseFile(*close);
   } else if (auto* remove = std::get_if<JournalRemove>(&command)) {
     const std::string path = FilePath(remove->volume, remove->n);
     RunIo(path, *remove, [this, path, aside = remove->quarantine](IoDone&) {

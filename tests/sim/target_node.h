@@ -52,6 +52,9 @@ class TargetNode {
   void Commit(const CommitState& command);
   void Compare(const CompareVolume& command);
   void JournalCommands(TargetCommand& command);
+  void OpenFile(const JournalOpen& open);
+  void AppendToFile(const JournalAppend& append);
+  void CloseFile(const JournalClose& close);
   void VolumeCommands(TargetCommand& command);
   void CheckSent(const SendFrame& send);
   std::string FilePath(const std::string& volume, std::uint64_t n) const;
