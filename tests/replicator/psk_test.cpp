@@ -78,13 +78,14 @@ TEST_F(PskFile, WhatIsNoKeyIsRefusedWithoutBeingRepeated) {
 
 TEST_F(PskFile, TheirNumberIsBounded) {
   std::string text;
-  for (std::size_t i = 0; i < kMaxPskKeys; ++i) text += std::to_string(i) + ":" + kHex + "\n";
+  for (std::size_t i = 0; i < kMaxPskKeys; ++i)
+    text.append(std::to_string(i)).append(":" + kHex + "\n");
   EXPECT_EQ(Parse(text), "");
   EXPECT_EQ(Parse(text + "x:" + kHex), "line 1025: too many keys: at most 1024");
 }
 
 TEST_F(PskFile, OneThatOthersMayReadIsRefused) {
-  for (const mode_t mode : {0640, 0604, 0660, 0610}) {
+  for (const mode_t mode : {0640U, 0604U, 0660U, 0610U}) {
     const auto path = WriteText(m_folder / "key", "a:" + kHex, mode);
     EXPECT_EQ(ReadPskFile(path, m_keys), path + " is readable by others; run: chmod 600 " + path);
   }

@@ -41,7 +41,7 @@ class Tls : public Connections {
 
   // A certificate that its own side would not take. Loads a good one, and puts it in its place.
   std::shared_ptr<TlsContext> Forged(const TestCa& ca, TlsSide side, const CertificateSpec& spec) {
-    const auto context = side == TlsSide::kClient ? Client(ca) : Server(ca);
+    auto context = side == TlsSide::kClient ? Client(ca) : Server(ca);
     const auto folder = ca.Issue(NewFolder(), spec);
     auto* ssl = context->Internal().ssl.get();
     EXPECT_EQ(SSL_CTX_use_certificate_file(ssl, (folder + "/cert.pem").c_str(), SSL_FILETYPE_PEM),
@@ -94,8 +94,8 @@ class Tls : public Connections {
 
   // The source's own object of OpenSSL.
   static SSL* SourceSsl() {
-    return const_cast<SSL*>(
-        s_sourceSsl);  // NOLINT(cppcoreguidelines-pro-type-const-cast): it is ours
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): it is ours
+    return const_cast<SSL*>(s_sourceSsl);
   }
 
   TestCa m_ca;

@@ -31,9 +31,9 @@ TEST_F(Tls, CertificatesOfOneCaTalk) {
 
 TEST_F(Tls, LargeFramesTravelAndKeepTheirOrder) {
   ASSERT_EQ(Talk(Server(m_ca), Client(m_ca)), "");
-  for (int i = 0; i < 40; ++i) {
-    m_source.connection->Send(BlockFrame(static_cast<std::uint8_t>(i), 1 + 27'011U * (i % 38U)));
-    m_source.connection->Send(PingFrame(static_cast<std::uint64_t>(i)));
+  for (std::uint8_t i = 0; i < 40; ++i) {
+    m_source.connection->Send(BlockFrame(i, 1 + 27'011U * (i % 38U)));
+    m_source.connection->Send(PingFrame(i));
   }
   m_source.connection->Close();
   ASSERT_TRUE(m_runner.Until([&] { return !m_target.closed.empty(); }));

@@ -178,7 +178,7 @@ TEST_F(Transport, EveryFlippedBitOfAFrameEndsTheConnection) {
     m_target = End{};
     Bare();
     auto damaged = bytes;
-    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1U << (bit % 8)));
+    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
     WriteBare(damaged);
     ::shutdown(m_bare.Get(), SHUT_WR);
     TargetsEnd();

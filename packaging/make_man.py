@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Makes the manual page penstock.1 from the program's own help, so that the two never differ.
+
+usage: make_man.py PENSTOCK VERSION > penstock.1
+"""
+import re
+import subprocess
+import sys
+
+
+def quote(text):
+    text = text.replace("\\", "\\e").replace("-", "\\-")
+    return "\\&" + text if text[:1] in (".", "'") else text
+
+
+def help_of(program, *command):
+    return subprocess.run([program, *command, "--help"], check=True, capture_output=True,
+                          text=True).stdout.splitlines()
+
+
+def entries(lines):
+    """Options or subcommands as (name, meaning): what is indented, with what continues it."""
+    found = []
+    for line in lines:
+        match = re.match(r"  (\S.*?)(?:  +(\S.*))?$", line)
+        if match:
+            found.append([match.group(1), match.group(2) or ""])
+        elif re.match(r" {10,}\S", line) and found:
+            found[-1][1] = (found[-1][1] + " " + line.strip()).strip()
+    return found
+
+
+def section(lines, title):
+    begin = next((i for i, l in enumerate(lines) if l.startswith(title + ":")), None)
+    if begin is None:
+        return []
+    end = next((i for i in range(begin + 1, len(lines)) if not lines[i].strip()), len(lines))
+    return entries(lines[begin + 1 : end])
+
+
+def footer(lines):
+    return [l for l in lines if l.startswith(("Example: ", "Exit codes", "Prints "))]
+
+
+def main():
+    program, version = sys.argv[1:3]
+    top = help_of(program)
+    commands = section(top, "Subcommands")
+    out = [f'.TH PENSTOCK 1 "" "penstock {version}" "User Commands"', ".SH NAME",
+           "penstock \\- keep a verified second copy of disk images and block devices",
+           ".SH SYNOPSIS", ".B penstock", ".I COMMAND", "[\\fIOPTIONS\\fR] ...", ".SH DESCRIPTION",
+           quote(top[0]), "The source's volumes are read, compared with the target's block by",
+           "block, and only what differs is sent, compressed and checked. A connection that is lost",
+           "is taken up again; a run that was interrupted goes on with the same command."]
+    for name, meaning in commands:
+        lines = help_of(program, name)
+        usage = next(l for l in lines if l.startswith("Usage: ")).removeprefix("Usage: ")
+        out += [f".SH {name.upper()}", ".B " + quote(usage), ".PP", quote(lines[0])]
+        for title in ("Positionals", "Options"):
+            for option, text in section(lines, title):
+                out += [".TP", ".B " + quote(option), quote(text)]
+        for line in footer(lines):
+            out += [".PP", quote(line)]
+    out += [".SH EXIT STATUS", quote(next(l for l in top if l.startswith("Exit codes: "))
+                                     .removeprefix("Exit codes: "))]
+    out += [".SH FILES", ".TP", ".I DST.penstock", "the state of replicate, unless told otherwise",
+            ".TP", ".I STATE/state.db, STATE/journal, STATE/quarantine",
+            "a target's state; datasets not yet in the volumes; journal files that were damaged"]
+    print("\n".join(out))
+
+
+if __name__ == "__main__":
+    main()
