@@ -58,8 +58,8 @@ struct CompressSpec {
 
 using BlockPtr = std::shared_ptr<OM_DP::CompressedData>;
 
-// A record with room for `length` bytes of body, which are left as they are, for whoever fills all of
-// them: zeroing a megabyte first costs as much as copying half of it.
+// A record with room for `length` bytes of body, which are left as they are, for whoever fills all
+// of them: zeroing a megabyte first costs as much as copying half of it.
 BlockPtr AllocateBlock(std::uint32_t length);
 
 // One piece of volume data to pack.

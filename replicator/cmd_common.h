@@ -15,8 +15,8 @@
 
 namespace penstock {
 
-// Opens a source's volumes for reading and names them in the options. Returns an empty text, or what
-// is wrong and what to do.
+// Opens a source's volumes for reading and names them in the options. Returns an empty text, or
+// what is wrong and what to do.
 std::string OpenSources(const NamedPaths& paths, SourceOptions& options);
 
 // What the options of copying say. Returns an empty text, or what is wrong.

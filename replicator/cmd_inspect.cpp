@@ -123,9 +123,9 @@ std::string ToText(const Inspection& found) {
     text += "dataset " + std::to_string(found.start.n) + (isResync ? ", resync, " : ", ") +
             std::to_string(found.start.volumes.size()) + " volumes, ";
   }
-  text += std::to_string(found.totals.blocks) + " blocks, " +
-          std::to_string(found.totals.extents) + " extents, " + HumanBytes(found.totals.rawBytes) +
-          " as " + HumanBytes(found.totals.storedBytes) + " in " + HumanBytes(found.size) + "\n";
+  text += std::to_string(found.totals.blocks) + " blocks, " + std::to_string(found.totals.extents) +
+          " extents, " + HumanBytes(found.totals.rawBytes) + " as " +
+          HumanBytes(found.totals.storedBytes) + " in " + HumanBytes(found.size) + "\n";
   for (const Json& record : found.records) text += RecordText(record);
   if (found.fault.text.empty()) return text + "  whole: every hash is right\n";
   return text + "  DAMAGED at byte " + std::to_string(found.fault.offset) + ": " +
@@ -158,12 +158,14 @@ int RunInspect(const InspectFlags& flags) {
 void AddInspect(CLI::App& program, Chosen& chosen) {
   auto flags = std::make_shared<InspectFlags>();
   CLI::App* command = program.add_subcommand(
-      "inspect", "Reads dataset files: what is in them, whether every hash is right, what is damaged.");
+      "inspect",
+      "Reads dataset files: what is in them, whether every hash is right, what is damaged.");
   command->add_option("FILE", flags->files, "dataset files")->required();
   command->add_flag("--records", flags->records, "a line for each block");
   command->add_flag("--json", flags->json, "as JSON");
-  command->footer("Exit codes: 0 whole, 1 damaged, 2 can't be read.\n"
-                  "Example: penstock inspect --records 0000000000000007.ds");
+  command->footer(
+      "Exit codes: 0 whole, 1 damaged, 2 can't be read.\n"
+      "Example: penstock inspect --records 0000000000000007.ds");
   command->callback([flags, &chosen] { chosen = [flags] { return RunInspect(*flags); }; });
 }
 

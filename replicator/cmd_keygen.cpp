@@ -23,8 +23,9 @@ int RunKeygen(const KeygenFlags& flags) {
   if (auto fault = WritePskFile(flags.psk, flags.identity); !fault.empty()) {
     return Complain(kExitRefused, fault);
   }
-  std::printf("%s: a key for %s; take a copy to the target, mode 0600, by a way that nobody reads\n",
-              flags.psk.c_str(), flags.identity.c_str());
+  std::printf(
+      "%s: a key for %s; take a copy to the target, mode 0600, by a way that nobody reads\n",
+      flags.psk.c_str(), flags.identity.c_str());
   return kExitDone;
 }
 

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* kGroup = "local";
 constexpr const char* kVolume = "volume";
-constexpr int kSocketBytes = 4 << 20;  // as far as the system lets us: fewer turns of each side
+constexpr int kSocketBytes = 4 << 20;      // as far as the system lets us: fewer turns of each side
 constexpr std::uint64_t kRetryMs = 2'000;  // the target is here: it comes back soon or never
 
 struct ReplicateFlags {
@@ -153,8 +153,7 @@ std::string Prepare(const ReplicateFlags& flags, SourceOptions& source, TargetOp
 // Reads both again, and compares every byte.
 int VerifyAfterwards(const ReplicateFlags& flags) {
   Comparison comparison;
-  const std::string fault =
-      CompareLocal(flags.from, flags.to, JobsOf(flags.copy.jobs), comparison);
+  const std::string fault = CompareLocal(flags.from, flags.to, JobsOf(flags.copy.jobs), comparison);
   if (!fault.empty()) return Complain(kExitFailed, "can't verify: " + fault);
   if (comparison.differing.empty()) return kExitDone;
   return Complain(kExitDifferent,
@@ -194,7 +193,8 @@ int RunReplicate(const ReplicateFlags& flags) {
   loop.Run();
   target.Stop();
   session.reset();
-  const int verified = result.code == kExitDone && flags.verify ? VerifyAfterwards(flags) : kExitDone;
+  const int verified =
+      result.code == kExitDone && flags.verify ? VerifyAfterwards(flags) : kExitDone;
   return verified == kExitDone ? ReportResult(result, flags.copy.json) : verified;
 }
 

@@ -63,7 +63,8 @@ void AddSync(CLI::App& program, Chosen& chosen) {
   command->add_option("--to", flags->to, "where the target listens: ADDR:PORT or unix:PATH")
       ->required();
   command->add_option("--group", flags->group, "name of the group at the target")->required();
-  command->add_option("VOL=PATH", flags->volumes, "volumes: name at the target, file or device here")
+  command
+      ->add_option("VOL=PATH", flags->volumes, "volumes: name at the target, file or device here")
       ->required();
   command
       ->add_option("--retry-for", flags->retryFor,
@@ -73,8 +74,9 @@ void AddSync(CLI::App& program, Chosen& chosen) {
   AddSecurityOptions(*command, flags->security, TlsSide::kClient);
   AddCopyOptions(*command, flags->copy, "auto");
   AddLogOptions(*command, flags->log, "warning");
-  command->footer("Example: penstock sync --to backup:7000 --tls-certs /etc/penstock/tls --group shop "
-                  "db=/dev/vg/db logs=/srv/logs.img");
+  command->footer(
+      "Example: penstock sync --to backup:7000 --tls-certs /etc/penstock/tls --group shop "
+      "db=/dev/vg/db logs=/srv/logs.img");
   command->callback([flags, &chosen] { chosen = [flags] { return RunSync(*flags); }; });
 }
 

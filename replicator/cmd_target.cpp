@@ -46,7 +46,8 @@ std::string Prepare(const TargetFlags& flags, Prepared& out) {
     return "there is no place for volumes; give --volumes DIR, or --volume GROUP/VOL=PATH";
   }
   if (!flags.grants.empty()) {
-    if (auto fault = Grants::ReadFile(flags.grants, out.target.grants); !fault.empty()) return fault;
+    if (auto fault = Grants::ReadFile(flags.grants, out.target.grants); !fault.empty())
+      return fault;
   }
   auto fault = ParseBytes(flags.journalQuota, out.target.journalQuota);
   if (!fault.empty()) return "--journal-quota: " + fault;
@@ -84,8 +85,9 @@ int RunTarget(const TargetFlags& flags) {
     std::fflush(stdout);
   };
   callbacks.onHalt = [&](const std::string& reason) {
-    end(kExitFailed, reason + "; stopped, nothing was acknowledged that is not on disk; start it "
-                              "again when the cause is gone");
+    end(kExitFailed, reason +
+                         "; stopped, nothing was acknowledged that is not on disk; start it "
+                         "again when the cause is gone");
   };
   callbacks.onStopped = [&] { loop.Stop(); };
   loop.OnSignals([&](int) { target.Stop(); });
@@ -116,8 +118,9 @@ void AddTarget(CLI::App& program, Chosen& chosen) {
   command->add_option("--jobs", flags->jobs, "worker threads (default: one a processor)");
   AddSecurityOptions(*command, flags->security, TlsSide::kServer);
   AddLogOptions(*command, flags->log, "info");
-  command->footer("Example: penstock target --listen 0.0.0.0:7000 --state /var/lib/penstock "
-                  "--volumes /srv/copies --tls-certs /etc/penstock/tls");
+  command->footer(
+      "Example: penstock target --listen 0.0.0.0:7000 --state /var/lib/penstock "
+      "--volumes /srv/copies --tls-certs /etc/penstock/tls");
   command->callback([flags, &chosen] { chosen = [flags] { return RunTarget(*flags); }; });
 }
 

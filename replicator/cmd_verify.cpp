@@ -124,10 +124,11 @@ void AddVerify(CLI::App& program, Chosen& chosen) {
   command->add_flag("--json", flags->json, "the result as JSON");
   AddSecurityOptions(*command, flags->security, TlsSide::kClient);
   AddLogOptions(*command, flags->log, "warning");
-  command->footer("Prints VOLUME OFFSET LENGTH for each range that differs.\n"
-                  "Exit codes: 0 equal, 1 different, 2 trouble.\n"
-                  "Example: penstock verify --to backup:7000 --tls-certs /etc/penstock/tls "
-                  "--group shop db=/dev/vg/db");
+  command->footer(
+      "Prints VOLUME OFFSET LENGTH for each range that differs.\n"
+      "Exit codes: 0 equal, 1 different, 2 trouble.\n"
+      "Example: penstock verify --to backup:7000 --tls-certs /etc/penstock/tls "
+      "--group shop db=/dev/vg/db");
   command->callback([flags, &chosen] { chosen = [flags] { return RunVerify(*flags); }; });
 }
 

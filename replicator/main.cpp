@@ -28,7 +28,8 @@ int Main(int argc, char** argv) {
   program.set_version_flag("--version", PENSTOCK_VERSION_STRING);
   program.require_subcommand(1);
   program.footer(
-      "Exit codes: 0 done, 1 different, 2 wrong usage or refused, 3 failed, 4 interrupted (the same "
+      "Exit codes: 0 done, 1 different, 2 wrong usage or refused, 3 failed, 4 interrupted (the "
+      "same "
       "command goes on).\nExample: penstock replicate disk.img /backup/disk.img");
   penstock::Chosen chosen;
   penstock::AddReplicate(program, chosen);

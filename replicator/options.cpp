@@ -83,8 +83,8 @@ void AddSecurityOptions(CLI::App& command, SecurityFlags& flags, TlsSide side) {
 
 std::string Apply(const SecurityFlags& flags, TlsSide side, const Endpoint& endpoint,
                   std::shared_ptr<TlsContext>& out) {
-  const int given = (flags.tlsCerts.empty() ? 0 : 1) + (flags.tlsPsk.empty() ? 0 : 1) +
-                    (flags.plaintext ? 1 : 0);
+  const int given =
+      (flags.tlsCerts.empty() ? 0 : 1) + (flags.tlsPsk.empty() ? 0 : 1) + (flags.plaintext ? 1 : 0);
   if (given > 1) return "give one of --tls-certs, --tls-psk and --plaintext, not several";
   if (given == 0) {
     return std::string(side == TlsSide::kServer ? "nothing would prove who connects"
@@ -116,7 +116,8 @@ void AddCopyOptions(CLI::App& command, CopyFlags& flags, const std::string& comp
 
 std::string ParseCompress(const std::string& text, CompressSpec& out) {
   const auto spec = CompressSpec::Parse(text);
-  if (!spec) return "--compress " + Quoted(text) + ": use none, lz4, zstd, zstd:LEVEL (1 to 19) or auto";
+  if (!spec)
+    return "--compress " + Quoted(text) + ": use none, lz4, zstd, zstd:LEVEL (1 to 19) or auto";
   out = *spec;
   return {};
 }

@@ -11,7 +11,7 @@ namespace penstock {
 
 namespace {
 
-constexpr std::uint64_t kGreetMs = 30'000;      // volumes may have to be opened first
+constexpr std::uint64_t kGreetMs = 30'000;  // volumes may have to be opened first
 constexpr std::uint32_t kSilenceMs = 60'000;
 
 }  // namespace

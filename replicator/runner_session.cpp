@@ -77,8 +77,7 @@ struct Session::Impl {
 };
 
 void Session::Impl::Watch(const SourceStatus& status, std::uint64_t now) {
-  const std::uint64_t sum =
-      status.durable + status.applied + status.flushed + status.comparedBytes;
+  const std::uint64_t sum = status.durable + status.applied + status.flushed + status.comparedBytes;
   if (sum != moved) movedMs = now;
   moved = sum;
   if (!status.lastTrouble.empty()) trouble = status.lastTrouble;
@@ -99,14 +98,15 @@ void Session::Impl::Look() {
   if (status.phase == SourcePhase::kStopped) return End(CodeOf(status.failureCode), status.failure);
   if (source.Engine().IsSettled() && status.syncedAt != 0) {
     if (status.chainAgrees) return End(kExitDone, {});
-    return End(kExitFailed, "the target says of what it flushed another chain value than ours; "
-                            "compare the two with penstock verify");
+    return End(kExitFailed,
+               "the target says of what it flushed another chain value than ours; "
+               "compare the two with penstock verify");
   }
   const bool isOnline = status.phase == SourcePhase::kOnline;
-  if (isInterrupted && (!isOnline || status.durable >= sentAtInterrupt ||
-                        now - interruptedMs >= kInterruptMs)) {
-    const unsigned percent = Percent(status.comparedBytes, std::max<std::uint64_t>(
-                                                               status.passBytes, 1));
+  if (isInterrupted &&
+      (!isOnline || status.durable >= sentAtInterrupt || now - interruptedMs >= kInterruptMs)) {
+    const unsigned percent =
+        Percent(status.comparedBytes, std::max<std::uint64_t>(status.passBytes, 1));
     return End(kExitInterrupted, "interrupted at " + std::to_string(percent) +
                                      " %; run the same command again to go on");
   }

@@ -184,7 +184,7 @@ void SourceRunner::Impl::Closed(ConnId id, const std::string& reason) {
   if (const auto gone = leaving.find(id); gone != leaving.end()) {
     sentBefore += gone->second->BytesSent();
     leaving.erase(gone);
-    if (leaving.empty()) EndStop();
+    if (leaving.empty() && onStopped) EndStop();
     return;
   }
   if (id != connId) return;

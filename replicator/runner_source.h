@@ -15,7 +15,8 @@
 namespace penstock {
 
 struct SourceOptions {
-  SourceConfig config;  // names, sizes and order of the volumes as in `volumes`; random is filled in
+  SourceConfig
+      config;  // names, sizes and order of the volumes as in `volumes`; random is filled in
   std::vector<std::shared_ptr<VolumeFile>> volumes;
   unsigned jobs = 2;
   // Where the target is. Or, when `makeSocket` is given, what makes a socket that is connected to

@@ -212,7 +212,8 @@ void TargetRunner::Impl::Closed(ConnId id, const std::string& reason) {
   if (place == connections.end() || isHalted) return;
   const auto connection = std::move(place->second);
   connections.erase(place);
-  Log(Severity::kInfo, "a connection ended", {{"peer", connection->PeerAddress()}, {"why", reason}});
+  Log(Severity::kInfo, "a connection ended",
+      {{"peer", connection->PeerAddress()}, {"why", reason}});
   if (connection->IsDamaged()) {
     engine->Damaged(id, reason, Now());
   } else {

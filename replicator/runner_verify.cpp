@@ -35,8 +35,8 @@ std::vector<Run> Differing(const Window& window, const Answer& answer, const Run
   std::vector<Run> runs;
   for (const Run& run : answer.runs) {
     const bool isEqual =
-        run.equal && hasher.Of(answer.n, run.firstBlock, RunBytes(window.Data(), run)).bytes ==
-                         run.strong.bytes;
+        run.equal &&
+        hasher.Of(answer.n, run.firstBlock, RunBytes(window.Data(), run)).bytes == run.strong.bytes;
     if (!isEqual) runs.push_back(run);
   }
   return runs;
@@ -46,10 +46,7 @@ std::vector<Run> Differing(const Window& window, const Answer& answer, const Run
 
 struct VerifyRunner::Impl {
   Impl(EventLoop& theLoop, SourceOptions theOptions, ProgressPrinter::Style style)
-      : loop(theLoop),
-        options(std::move(theOptions)),
-        printer(style),
-        pool(theLoop, options.jobs) {
+      : loop(theLoop), options(std::move(theOptions)), printer(style), pool(theLoop, options.jobs) {
     for (const auto& volume : options.volumes) figures.totalBytes += volume->Size();
   }
 
@@ -72,8 +69,8 @@ struct VerifyRunner::Impl {
   EventLoop::TimerId timer = 0;
   std::size_t nextVolume = 0;
   std::uint64_t nextOffset = 0;
-  std::uint64_t lastN = 0;       // of windows: no two share a nonce
-  std::size_t inFlight = 0;      // being read, asked or looked at
+  std::uint64_t lastN = 0;   // of windows: no two share a nonce
+  std::size_t inFlight = 0;  // being read, asked or looked at
   std::map<std::uint64_t, Window> asked;
   // Destroyed first: what runs on it uses the rest.
   WorkerPool pool;
@@ -164,9 +161,8 @@ void VerifyRunner::Impl::TakeAnswer(const Frame& frame) {
   auto window = std::make_shared<Window>(std::move(place->second));
   asked.erase(place);
   auto runs = std::make_shared<std::vector<Run>>();
-  pool.Submit([window, runs, answer = std::move(answer), key = client->Greeting().runKey] {
-                *runs = Differing(*window, answer, key);
-              },
+  pool.Submit([window, runs, answer = std::move(answer),
+               key = client->Greeting().runKey] { *runs = Differing(*window, answer, key); },
               [this, window, runs] { Settle(*window, *runs); });
 }
 

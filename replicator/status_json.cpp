@@ -28,9 +28,12 @@ Json VolumeJson(const VolumeRecord& volume) {
 }
 
 Json CountersJson(const Counters& counters) {
-  return {{"datasets", counters.datasets},       {"rawBytes", counters.rawBytes},
-          {"receivedBytes", counters.receivedBytes}, {"equalBytes", counters.equalBytes},
-          {"refused", counters.refused},         {"quarantined", counters.quarantined},
+  return {{"datasets", counters.datasets},
+          {"rawBytes", counters.rawBytes},
+          {"receivedBytes", counters.receivedBytes},
+          {"equalBytes", counters.equalBytes},
+          {"refused", counters.refused},
+          {"quarantined", counters.quarantined},
           {"connections", counters.connections}};
 }
 
@@ -54,7 +57,8 @@ Json GroupJson(const GroupStatus& status, std::uint64_t wallMs) {
   return group;
 }
 
-// Fields of a text that came from elsewhere. A missing or strange one is an exception, caught below.
+// Fields of a text that came from elsewhere. A missing or strange one is an exception, caught
+// below.
 std::string TextOf(const Json& object, const char* name) {
   return Escape(object.at(name).get<std::string>(), 200);
 }

@@ -18,8 +18,8 @@ std::string StatusText(const std::vector<GroupStatus>& groups, std::uint64_t wal
 // The same of a state that no target has open.
 GroupStatus StatusOf(const GroupState& state);
 
-// Of a text that came from a peer: the table, or the same JSON again when `asJson`. Everything in it
-// is looked at before it is believed. Returns an empty text, or what is wrong.
+// Of a text that came from a peer: the table, or the same JSON again when `asJson`. Everything in
+// it is looked at before it is believed. Returns an empty text, or what is wrong.
 std::string ShowStatus(std::string_view json, bool asJson, std::string& out);
 
 }  // namespace penstock

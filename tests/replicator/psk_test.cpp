@@ -77,9 +77,9 @@ TEST_F(PskFile, WhatIsNoKeyIsRefusedWithoutBeingRepeated) {
 }
 
 TEST_F(PskFile, TheirNumberIsBounded) {
+  const auto ending = ":" + kHex + "\n";
   std::string text;
-  for (std::size_t i = 0; i < kMaxPskKeys; ++i)
-    text.append(std::to_string(i)).append(":" + kHex + "\n");
+  for (std::size_t i = 0; i < kMaxPskKeys; ++i) text.append(std::to_string(i)).append(ending);
   EXPECT_EQ(Parse(text), "");
   EXPECT_EQ(Parse(text + "x:" + kHex), "line 1025: too many keys: at most 1024");
 }
