@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Encrypted bytes are read from the socket several records at a time, and written into a buffer first:
-// one call of the system for a quarter of a MiB instead of one a record.
+// Encrypted bytes are read from the socket several records at a time, and written into a buffer
+// first: one call of the system for a quarter of a MiB instead of one a record.
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 #include <sys/socket.h>

@@ -82,8 +82,8 @@ class FrameWriter {
   std::uint32_t m_number = 0;
 };
 
-// Takes the bytes of one direction and gives its frames. Payload bytes are received where they stay:
-// read from the socket into Space(), then say how many with Commit().
+// Takes the bytes of one direction and gives its frames. Payload bytes are received where they
+// stay: read from the socket into Space(), then say how many with Commit().
 //
 //   auto space = reader.Space();
 //   reader.Commit(read(fd, space.data(), space.size()));

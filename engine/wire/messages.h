@@ -64,7 +64,8 @@ enum class VolumeState : std::uint8_t {
   kSyncing = 1,      // a resync is under way: it is no point of the source
   kGood = 2,         // as the source was at `goodAt`
   kNeedsResync = 3,  // something was lost: it is no point of the source
-  kHeld = 4,  // as the source was at `goodAt`, but a new source has the group and did not compare yet
+  kHeld =
+      4,  // as the source was at `goodAt`, but a new source has the group and did not compare yet
 };
 const char* Text(VolumeState state);  // "new", "syncing", "good", "needs resync", "good"
 
@@ -83,15 +84,15 @@ struct Welcome {
   std::uint64_t durable = 0;
   std::uint64_t applied = 0;
   std::uint64_t flushed = 0;
-  Digest chain{};            // of `durable`
-  std::uint64_t window = 0;  // bytes that may be sent beyond the acknowledged ones
+  Digest chain{};                      // of `durable`
+  std::uint64_t window = 0;            // bytes that may be sent beyond the acknowledged ones
   std::vector<WelcomeVolume> volumes;  // as in HELLO
 };
 
 // The START record (type 56) is OM_DP::DatasetStartv2; its entries are the dataset's volumes.
-inline constexpr std::uint32_t kStartSyncComplete = 1;   // flags: every syncing volume is complete
-inline constexpr std::uint32_t kStartConsistent = 2;     // flags: an application-consistent point
-inline constexpr std::uint32_t kStartPassBegins = 4;     // flags: the first of its volume in a resync
+inline constexpr std::uint32_t kStartSyncComplete = 1;  // flags: every syncing volume is complete
+inline constexpr std::uint32_t kStartConsistent = 2;    // flags: an application-consistent point
+inline constexpr std::uint32_t kStartPassBegins = 4;  // flags: the first of its volume in a resync
 inline constexpr std::uint16_t kStartFormatVersion = 1;
 struct DatasetStart {
   std::uint64_t n = 0;
@@ -144,17 +145,17 @@ struct Ping {
 };
 
 enum class ErrorCode : std::uint16_t {
-  kProtocol = 1,     // a frame that makes no sense here
-  kDamaged = 2,      // a frame or block that was damaged on the way
-  kRefused = 3,      // no such grant
-  kFenced = 4,       // a newer source has the group
-  kFork = 5,         // another history at this number
-  kNoSpace = 6,      // no room at the target: try again later
-  kVolume = 7,       // unknown volume, or its size doesn't fit
-  kBusy = 8,         // too many connections, or the group is being recovered
-  kFailed = 9,       // the target failed and stopped
-  kVersion = 10,     // no common protocol version
-  kTimeout = 11,     // nothing came for too long
+  kProtocol = 1,  // a frame that makes no sense here
+  kDamaged = 2,   // a frame or block that was damaged on the way
+  kRefused = 3,   // no such grant
+  kFenced = 4,    // a newer source has the group
+  kFork = 5,      // another history at this number
+  kNoSpace = 6,   // no room at the target: try again later
+  kVolume = 7,    // unknown volume, or its size doesn't fit
+  kBusy = 8,      // too many connections, or the group is being recovered
+  kFailed = 9,    // the target failed and stopped
+  kVersion = 10,  // no common protocol version
+  kTimeout = 11,  // nothing came for too long
 };
 const char* Text(ErrorCode code);
 

@@ -235,6 +235,15 @@ TEST_F(SourceWrite, AnAnswerOfAWorkerToNoQuestionIsIgnored) {
   EXPECT_EQ(Phase(), "online");
 }
 
+TEST_F(SourceWrite, APipelineThatTakesNoWriteIsTheEnd) {
+  Online();
+  m_engine->m_pipe->SetAcceptStatus(false);
+  EXPECT_EQ(Write(0, 4096), WriteResult::kStopped);
+  EXPECT_EQ(Phase(), "stopped");
+  EXPECT_EQ(Status().failureCode, ErrorCode::kFailed);
+  EXPECT_EQ(Out(), "dropped");
+}
+
 TEST_F(SourceWrite, StartCarriesTheTimeAtWhichTheDatasetWasOpened) {
   Online();
   m_now.wall = 1'234'567;
