@@ -53,25 +53,50 @@ void Read(const std::uint8_t* data, std::size_t size) {
   }
 }
 
-// Binds values as the input says; mostly ones that are nearly right.
+// The bytes of a database without rows.
+const std::vector<unsigned char>& EmptyImage() {
+  static const std::vector<unsigned char> kImage = [] {
+    sqlite3* opened = nullptr;
+    FUZZ_CHECK(sqlite3_open(":memory:", &opened) == SQLITE_OK);
+    const penstock::SqlDatabase database(opened);
+    FUZZ_CHECK(penstock::SqlExec(opened, penstock::kStateSchema).empty());
+    sqlite3_int64 size = 0;
+    auto* image = sqlite3_serialize(opened, "main", &size, 0);
+    FUZZ_CHECK(image != nullptr);
+    std::vector<unsigned char> bytes(image, image + size);
+    sqlite3_free(image);
+    return bytes;
+  }();
+  return kImage;
+}
+
+// Binds values as the input says; mostly ones that are right, or nearly.
 class Rows {
  public:
   explicit Rows(ByteSource& in) : m_in(in) {
     sqlite3* opened = nullptr;
     FUZZ_CHECK(sqlite3_open(":memory:", &opened) == SQLITE_OK);
     m_database.reset(opened);
-    FUZZ_CHECK(penstock::SqlExec(opened, penstock::kStateSchema).empty());
+    const auto& empty = EmptyImage();
+    auto* image = static_cast<unsigned char*>(sqlite3_malloc64(empty.size()));
+    std::memcpy(image, empty.data(), empty.size());
+    const auto size = static_cast<sqlite3_int64>(empty.size());
+    FUZZ_CHECK(sqlite3_deserialize(
+                   opened, "main", image, size, size,
+                   SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE) == SQLITE_OK);
   }
 
+  // A group, so that the other rows have one, and then what comes.
   void Insert() {
     constexpr int kMaxRows = 24;
+    Insert(kGroup, "gnufcnnnnnnnn");
     for (int i = 0; i < kMaxRows && !m_in.AtEnd(); ++i) {
-      switch (m_in.Below(4)) {
-        case 0:
-          Insert("REPLACE INTO groups VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)", "tnnnbnnnnnnnn");
-          break;
-        case 1: Insert("REPLACE INTO volumes VALUES (?,?,?,?,?)", "ttnnn"); break;
-        default: Insert("REPLACE INTO journal VALUES (?,?,?,?,?,?,?)", "tnnbtnn"); break;
+      switch (m_in.Below(8)) {
+        case 0: Insert(kGroup, "gnufcnnnnnnnn"); break;
+        case 1:
+        case 2:
+        case 3: Insert("REPLACE INTO volumes VALUES (?,?,?,?,?)", "gvnsn"); break;
+        default: Insert("REPLACE INTO journal VALUES (?,?,?,?,?,?)", "gnnclf"); break;
       }
     }
   }
@@ -85,16 +110,27 @@ class Rows {
   }
 
  private:
-  void Insert(const char* sql, const char* types) {
+  static constexpr const char* kGroup = "REPLACE INTO groups VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)";
+
+  // What each letter stands for: a group's name, a volume's, a list of volumes, a number, a small
+  // one (durable: u, flushed: f), a state, a chain value. Now and then any other.
+  void Insert(const char* sql, const char* kinds) {
     penstock::SqlStatement insert(m_database.get(), sql);
-    for (; *types != '\0'; ++types) {
-      switch (m_in.Below(16) == 0 ? "tnb"[m_in.Below(3)] : *types) {
+    for (; *kinds != '\0'; ++kinds) {
+      const bool isOther = m_in.Below(64) == 0;
+      switch (isOther ? "gvlntc"[m_in.Below(6)] : *kinds) {
+        case 'g': insert.Text(m_in.Below(8) == 0 ? "h" : "g"); break;
+        case 'v': insert.Text(m_in.Flag() ? "a" : "b"); break;
+        case 'l': insert.Text(List()); break;
         case 't': insert.Text(Text()); break;
+        case 'u': insert.Number(4 + m_in.Below(8)); break;
+        case 'f': insert.Number(m_in.Below(5)); break;
+        case 's': insert.Number(m_in.Below(5)); break;
         case 'n': insert.Number(Number()); break;
         default: {
-          const std::vector<std::uint8_t> blob(m_in.Below(16) == 0 ? m_in.Byte() : 32U,
-                                               static_cast<std::uint8_t>(m_in.Below(2)));
-          insert.Blob(blob);
+          const auto fill = static_cast<std::uint8_t>(m_in.Below(8) == 0);
+          const std::vector<std::uint8_t> chain(isOther ? m_in.Byte() : 32U, fill);
+          insert.Blob(chain);
           break;
         }
       }
@@ -102,10 +138,12 @@ class Rows {
     insert.Run();  // which may be refused
   }
 
+  std::string List() {
+    static const char* const kLists[] = {"", "a/", "b/", "a/b/", "b/a/", "a/a/", "a", "/"};
+    return kLists[m_in.Below(8)];
+  }
+
   std::string Text() {
-    static const char* const kTexts[] = {"g",    "h",    "a", "b",    "a/",
-                                         "a/b/", "b/a/", "",  "../x", "a/a/"};
-    if (m_in.Below(16) != 0) return kTexts[m_in.Below(10)];
     std::string text;
     for (auto left = m_in.Byte() % 80U; left > 0; --left) text += static_cast<char>(m_in.Byte());
     return text;
@@ -113,7 +151,7 @@ class Rows {
 
   std::uint64_t Number() {
     const std::uint64_t value = m_in.Below(12);
-    switch (m_in.Below(16)) {
+    switch (m_in.Below(32)) {
       case 0: return ~value;
       case 1: return (std::uint64_t{1} << 63U) + value - 6;
       case 2: return (std::uint64_t{1} << 32U) + value - 6;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -53,6 +54,9 @@ class LocalTarget {
     return started.get();
   }
 
+  // Whether it was a failure that Start told of: it was not refused.
+  bool HasFailed() const { return m_hasFailed; }
+
   // A socket that is connected to it, or -1.
   int Connect(std::string& error) {
     int ends[2] = {-1, -1};
@@ -90,6 +94,7 @@ class LocalTarget {
       m_started.set_value({});
     };
     callbacks.onHalt = [&](const std::string& reason) {
+      m_hasFailed = true;
       isStarted ? m_onHalt(reason) : m_started.set_value(reason);
       m_loop.Stop();
     };
@@ -104,6 +109,7 @@ class LocalTarget {
   std::unique_ptr<TargetRunner> m_target;  // of its thread
   std::promise<std::string> m_started;
   std::function<void(const std::string&)> m_onHalt;
+  std::atomic<bool> m_hasFailed{false};
   std::thread m_thread;
 };
 
@@ -143,6 +149,11 @@ std::string Prepare(const ReplicateFlags& flags, SourceOptions& source, TargetOp
       !fault.empty()) {
     return fault;
   }
+  struct stat destination {};
+  const bool isDevice = ::stat(flags.to.c_str(), &destination) == 0 && S_ISBLK(destination.st_mode);
+  if (isDevice && flags.state.empty()) {
+    return flags.to + " is a device, and nothing can be kept beside it; give --state DIR";
+  }
   source.config.group = kGroup;
   target.stateDirectory = flags.state.empty() ? flags.to + ".penstock" : flags.state;
   target.mapped[std::string(kGroup) + "/" + kVolume] = flags.to;
@@ -173,14 +184,12 @@ int RunReplicate(const ReplicateFlags& flags) {
   EventLoop loop;
   LocalTarget target(std::move(options));
   std::unique_ptr<Session> session;
-  std::string halted;
   auto fault = target.Start([&](const std::string& reason) {
     loop.Post([&, reason] {
-      halted = reason;
-      if (session) session->Fail(kExitFailed, reason + "; run the same command again to go on");
+      session->Fail(kExitFailed, reason + "; run the same command again to go on");
     });
   });
-  if (!fault.empty()) return Complain(kExitRefused, fault);
+  if (!fault.empty()) return Complain(target.HasFailed() ? kExitFailed : kExitRefused, fault);
   source.connect.connection.socketBufferBytes = kSocketBytes;
   source.makeSocket = [&](std::string& error) { return target.Connect(error); };
   session = std::make_unique<Session>(loop, std::move(source), kRetryMs, style);
@@ -206,8 +215,9 @@ void AddReplicate(CLI::App& program, Chosen& chosen) {
       "replicate", "Makes or updates a copy of a disk image or block device on this machine.");
   command->add_option("SRC", flags->from, "file or block device to copy")->required();
   command->add_option("DST", flags->to, "its copy: made when it is not there")->required();
-  command->add_option("--state", flags->state,
-                      "directory of the state, mode 0700 (default: DST.penstock)");
+  command->add_option(
+      "--state", flags->state,
+      "directory of the state, mode 0700 (default: DST.penstock; needed for a device)");
   command->add_flag("--verify", flags->verify, "compare everything once more at the end");
   AddCopyOptions(*command, flags->copy, "none");
   AddLogOptions(*command, flags->log, "warning");

@@ -41,6 +41,7 @@ int RunOfState(const StatusFlags& flags) {
   if (fault.empty()) fault = store->Load(groups);
   if (!fault.empty()) return Complain(kExitRefused, fault);
   std::vector<GroupStatus> all;
+  all.reserve(groups.size());
   for (const GroupState& group : groups) all.push_back(StatusOf(group));
   return Show(flags, StatusText(all, Now().wall));
 }
@@ -60,7 +61,7 @@ int RunOfTarget(const StatusFlags& flags) {
   std::string reply;
   TargetClient::Callbacks callbacks;
   callbacks.onWelcome = [&](const Welcome&) { client->Send(EncodeStatusQuery()); };
-  callbacks.onFrame = [&](Frame frame) {
+  callbacks.onFrame = [&](const Frame& frame) {
     if (frame.type != FrameType::kStatusReply) {
       fault = std::string("the target sent ") + Name(frame.type) + " instead of its status";
     } else {

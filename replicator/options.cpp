@@ -130,8 +130,7 @@ unsigned JobsOf(unsigned jobs) {
 // --- Values. ---
 
 std::string ParseBytes(const std::string& text, std::uint64_t& out) {
-  const std::string fault =
-      Quoted(text) + " is no number of bytes (as 500K, 10M or 1.5G; units of 1024)";
+  std::string fault = Quoted(text) + " is no number of bytes (as 500K, 10M or 1.5G; units of 1024)";
   std::size_t used = 0;
   double value = 0;
   try {

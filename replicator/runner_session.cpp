@@ -164,12 +164,13 @@ void Session::Start(std::function<void(const SessionResult&)> onEnd) {
 void Session::Interrupt() {
   Impl& impl = *m_impl;
   if (impl.isInterrupted || impl.isEnding) {
-    if (auto ended = std::exchange(impl.onEnd, {})) {
+    const auto ended = std::exchange(impl.onEnd, {});
+    if (!ended) return;
+    if (!impl.isEnding) {
       impl.result.code = kExitInterrupted;
       impl.result.error = "interrupted; run the same command again to go on";
-      ended(impl.result);
     }
-    return;
+    return ended(impl.result);
   }
   impl.isInterrupted = true;
   impl.interruptedMs = EventLoop::NowMs();

@@ -171,7 +171,7 @@ void SourceRunner::Impl::Take(std::unique_ptr<Connection> made) {
   connId = ++lastConn;
   connection = std::move(made);
   connection->Start({.onFrame =
-                         [this, id = connId](Frame frame) {
+                         [this, id = connId](const Frame& frame) {
                            engine.Received(id, frame, Now());
                            Settle();
                          },
@@ -224,9 +224,7 @@ void SourceRunner::Impl::Do(Halt& command) { Log(Severity::kError, command.reaso
 // --- Work. ---
 
 void SourceRunner::Impl::Do(FetchWindow& command) {
-  Run([volume = options.volumes.at(command.volume), c = std::move(command)] {
-    return FetchFrom(*volume, c);
-  });
+  Run([volume = options.volumes.at(command.volume), c = command] { return FetchFrom(*volume, c); });
 }
 
 void SourceRunner::Impl::Do(PackRuns& command) {

@@ -24,10 +24,6 @@ namespace {
 
 constexpr std::uint64_t kStopMs = 10'000;  // for what is under way, after Stop
 
-std::string FileStrand(const std::string& group, const std::string& volume, std::uint64_t n) {
-  return group + "/" + volume + "/" + std::to_string(n);
-}
-
 }  // namespace
 
 struct TargetRunner::Impl {
@@ -61,6 +57,14 @@ struct TargetRunner::Impl {
           engine->Completed(*result, Now());
           Settle();
         });
+  }
+
+  // The same for a command on a file of the journal: those of one file in order.
+  template <class Command>
+  void RunOnFile(Command command, IoDone (Journal::*work)(const Command&)) {
+    const std::string strand =
+        command.group + "/" + command.volume + "/" + std::to_string(command.n);
+    Run(strand, [this, work, c = std::move(command)] { return (journal.*work)(c); });
   }
 
   void Do(SendFrame& command);
@@ -196,7 +200,7 @@ void TargetRunner::Impl::Take(std::unique_ptr<Connection> connection) {
   Log(Severity::kInfo, "a source connects",
       {{"peer", taken.PeerAddress()}, {"identity", identity}, {"cipher", taken.Cipher()}});
   taken.Start({.onFrame =
-                   [this, id](Frame frame) {
+                   [this, id](const Frame& frame) {
                      if (isHalted) return;
                      engine->Received(id, frame, Now());
                      Settle();
@@ -269,24 +273,18 @@ void TargetRunner::Impl::Do(OpenVolume& command) {
   Run("open", [this, c = std::move(command)] { return volumes.Open(c); });
 }
 
-void TargetRunner::Impl::Do(JournalOpen& command) {
-  Run(FileStrand(command.group, command.volume, command.n),
-      [this, c = std::move(command)] { return journal.Open(c); });
-}
+void TargetRunner::Impl::Do(JournalOpen& command) { RunOnFile(std::move(command), &Journal::Open); }
 
 void TargetRunner::Impl::Do(JournalAppend& command) {
-  Run(FileStrand(command.group, command.volume, command.n),
-      [this, c = std::move(command)] { return journal.Append(c); });
+  RunOnFile(std::move(command), &Journal::Append);
 }
 
 void TargetRunner::Impl::Do(JournalClose& command) {
-  Run(FileStrand(command.group, command.volume, command.n),
-      [this, c = std::move(command)] { return journal.Close(c); });
+  RunOnFile(std::move(command), &Journal::Close);
 }
 
 void TargetRunner::Impl::Do(JournalRemove& command) {
-  Run(FileStrand(command.group, command.volume, command.n),
-      [this, c = std::move(command)] { return journal.Remove(c); });
+  RunOnFile(std::move(command), &Journal::Remove);
 }
 
 void TargetRunner::Impl::Do(JournalSyncDirs& command) {

@@ -85,7 +85,7 @@ void VerifyRunner::Impl::Greet() {
   }
   TargetClient::Callbacks callbacks;
   callbacks.onWelcome = [this](const Welcome&) { Fill(); };
-  callbacks.onFrame = [this](Frame frame) { TakeAnswer(frame); };
+  callbacks.onFrame = [this](const Frame& frame) { TakeAnswer(frame); };
   callbacks.onFailed = [this](const std::string& why) { End(why); };
   client = std::make_unique<TargetClient>(loop, options.endpoint, options.connect, std::move(hello),
                                           std::move(callbacks));

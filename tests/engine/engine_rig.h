@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <random>
 #include <string>
@@ -24,11 +25,15 @@ inline constexpr std::uint64_t kMiB = 1024 * kKiB;
 
 using ByteList = std::vector<std::uint8_t>;
 
-// Data that looks the same nowhere, for one seed always the same.
+// Data that looks the same nowhere and has no zero in it, for one seed always the same.
 inline ByteList Noise(std::size_t size, std::uint64_t seed = 1) {
   std::mt19937_64 random(seed);
-  ByteList bytes(size);
-  for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random() | 1U);
+  ByteList bytes((size + 7) / 8 * 8);
+  for (std::size_t i = 0; i < bytes.size(); i += 8) {
+    const std::uint64_t word = random() | 0x0101010101010101U;
+    std::memcpy(bytes.data() + i, &word, sizeof(word));
+  }
+  bytes.resize(size);
   return bytes;
 }
 
@@ -97,7 +102,7 @@ inline std::string ShowAnswer(const Answer& answer) {
 }
 
 inline std::string Show(const Frame& frame) {
-  const std::string name = Name(frame.type);
+  std::string name = Name(frame.type);
   switch (frame.type) {
     case FrameType::kDatasetStart: return ShowStart(Decoded<DatasetStart>(frame));
     case FrameType::kBlock: return ShowBlock(frame);

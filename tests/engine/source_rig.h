@@ -140,7 +140,7 @@ class SourceRig : public testing::Test {
       ADD_FAILURE() << "no such job";
       return {};
     }
-    const Command command = std::get<Command>(std::move(*place));
+    Command command = std::get<Command>(std::move(*place));
     m_jobs.erase(place);
     return command;
   }

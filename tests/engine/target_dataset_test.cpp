@@ -12,7 +12,7 @@ class TargetDataset : public TargetRig {
   // What the wrong frame led to, with the count and with what is left of it.
   std::string Refusal(const std::string& happened) {
     EXPECT_EQ(Refused(), 1U);
-    const std::string text = Joined({happened, Run()});
+    std::string text = Joined({happened, Run()});
     EXPECT_TRUE(m_files.empty());
     EXPECT_EQ(m_states.at(0).durable, 0U);
     EXPECT_EQ(Joined({Hello({"a"}, 1), Run()}), "WELCOME epoch 1 at 0/0/0 new");

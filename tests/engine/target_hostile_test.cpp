@@ -25,8 +25,6 @@ struct Sent {
 
 class TargetHostile : public TargetRig {
  protected:
-  static constexpr ConnId kPeers = 3;
-
   std::uint64_t Below(std::uint64_t bound) { return m_random() % bound; }
   bool OneIn(std::uint64_t n) { return Below(n) == 0; }
 
