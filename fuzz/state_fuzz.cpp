@@ -28,7 +28,7 @@ void CheckGroup(const GroupState& group) {
     FUZZ_CHECK(penstock::IsValidName(volume.name));
     FUZZ_CHECK(names.insert(volume.name).second);
     FUZZ_CHECK(volume.size <= std::numeric_limits<std::int64_t>::max());
-    FUZZ_CHECK(volume.state <= penstock::VolumeState::kNeedsResync);
+    FUZZ_CHECK(volume.state <= penstock::VolumeState::kHeld);
   }
   std::uint64_t before = group.flushed;
   for (const auto& record : group.journal) {
@@ -125,7 +125,7 @@ class Rows {
         case 't': insert.Text(Text()); break;
         case 'u': insert.Number(4 + m_in.Below(8)); break;
         case 'f': insert.Number(m_in.Below(5)); break;
-        case 's': insert.Number(m_in.Below(5)); break;
+        case 's': insert.Number(m_in.Below(6)); break;
         case 'n': insert.Number(Number()); break;
         default: {
           const auto fill = static_cast<std::uint8_t>(m_in.Below(8) == 0);

@@ -25,6 +25,20 @@ TEST_F(TargetDurable, AJournaledDatasetGoesThroughItsStagesInOrder) {
   EXPECT_TRUE(m_files.empty());
 }
 
+TEST_F(TargetDurable, OtherEventsDoNotHurryAStage) {
+  Online();
+  Dataset(1);
+  const Frame ping = Encode(FrameType::kPing, Ping{1});
+  Complete<JournalOpen>();
+  EXPECT_EQ(Send(ping), "PONG") << "a block is being written";
+  EXPECT_EQ(Complete<JournalAppend>(), "close a/1");
+  EXPECT_EQ(Send(ping), "PONG");
+  EXPECT_EQ(Complete<JournalClose>(), "name a/1");
+  EXPECT_EQ(Send(ping), "PONG") << "the directories are being synced";
+  EXPECT_EQ(Complete<JournalSyncDirs>(), "commit durable 1 a syncing");
+  EXPECT_EQ(Send(ping), "PONG");
+}
+
 TEST_F(TargetDurable, FilesAreClosedOnlyAfterTheirEndCame) {
   Online();
   Start(1);

@@ -250,13 +250,29 @@ class TargetHostile : public TargetRig {
     ASSERT_EQ(group->m_then.size() + group->m_queries.size() + group->m_opens.size(),
               m_pending.size());
     std::uint64_t bytes = 0;
-    for (const TargetCommand& command : m_pending) bytes += BytesOf(command);
+    for (const TargetCommand& command : m_pending) {
+      bytes += BytesOf(command);
+      const auto* commit = std::get_if<CommitState>(&command);
+      if (commit == nullptr) continue;
+      for (const JournalRecord& record : commit->change.addJournal) {
+        ASSERT_FALSE(IsUnderWay(record.n)) << "dataset " << record.n;
+      }
+    }
     for (const auto& arrival : group->m_arrivals) {
       for (const auto& [block, size] : arrival->waiting) bytes += size;
     }
     ASSERT_LE(bytes, m_config.queueBytes + 5000);
     ASSERT_LE(group->m_state.flushed, group->m_applied);
     ASSERT_LE(group->m_applied, group->m_state.durable);
+  }
+  // A file that is still being written or named is in no commit.
+  bool IsUnderWay(std::uint64_t n) const {
+    return std::ranges::any_of(m_pending, [n](const TargetCommand& command) {
+      if (const auto* c = std::get_if<JournalAppend>(&command)) return c->n == n;
+      if (const auto* c = std::get_if<JournalClose>(&command)) return c->n == n;
+      if (const auto* c = std::get_if<JournalSyncDirs>(&command)) return c->files[0].first == n;
+      return false;
+    });
   }
   static std::uint64_t BytesOf(const TargetCommand& command) {
     if (const auto* c = std::get_if<JournalAppend>(&command)) return c->size;
