@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Goal: a packed block is the smallest of what the specification allows, holds its pieces, and
+// Goal: a packed block is the smallest of what its CompressSpec allows, holds its pieces, and
 // comes back byte for byte. Method: records read by hand, and random pieces through every codec.
 #include <gtest/gtest.h>
 #include <lz4.h>
