@@ -55,7 +55,7 @@ class WorkWrite : public testing::Test {
   std::string Write(const BlockPtr& block, std::uint64_t volumeSize = kVolumeSize) {
     const IoStatus status =
         WriteToVolume(*block, RecordBytes(*block).size(), volumeSize, m_volume, m_error);
-    const std::string happened = m_volume.Out();
+    std::string happened = m_volume.Out();
     if (status == IoStatus::kOk) return happened;
     return std::string(status == IoStatus::kDamaged ? "damaged" : "no space") + ": " + m_error +
            (happened.empty() ? "" : " after " + happened);
@@ -186,7 +186,7 @@ class WorkApply : public testing::Test {
   std::string Apply(Memory file) {
     std::string error;
     const IoStatus status = ApplyDatasetFile(m_command, file, m_volume, error);
-    const std::string happened = m_volume.Out();
+    std::string happened = m_volume.Out();
     if (status == IoStatus::kOk) return happened;
     return std::string(status == IoStatus::kDamaged ? "damaged: " : "no space: ") + error +
            (happened.empty() ? "" : " after " + happened);
