@@ -118,7 +118,8 @@ Millis SourceEngine::NextDeadline() const {
     case SourcePhase::kBackoff: return m_deadline;
     case SourcePhase::kOnline: break;
   }
-  return m_lastHeard + (m_pinged ? m_config.progressTimeout : m_config.pingAfter);
+  const Millis heard = m_lastHeard + (m_pinged ? m_config.progressTimeout : m_config.pingAfter);
+  return m_hasToTell ? std::min(heard, m_tellAt) : heard;
 }
 
 void SourceEngine::Stop(const Moment&) {
@@ -216,6 +217,7 @@ void SourceEngine::TakeFrame(const Frame& frame, const Moment& now) {
     case FrameType::kWelcome:
     case FrameType::kDatasetEnd:
     case FrameType::kQuery:
+    case FrameType::kProgress:
     case FrameType::kError:
     case FrameType::kStatusQuery:
     case FrameType::kStatusReply: break;
@@ -265,8 +267,11 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
                                    FrameSeed(m_hello.nonce, welcome.nonce, true)});
   m_window = welcome.window;
   m_remote = welcome.volumes;
+  m_told = {};
+  m_tellAt = now.steady + m_config.progressEvery;
   if (m_status.epoch == 0) {
     BeginEpoch(welcome);
+    m_told = ProgressNow();  // the target has said it itself
   } else if (!TakeHistory(welcome)) {
     return;
   }
@@ -328,6 +333,8 @@ bool SourceEngine::TakeHistory(const Welcome& welcome) {
         (volume.state == VolumeState::kNew && isSynced)) {
       m_passWanted = true;
       m_passAfter = m_status.closed;
+      m_passSpoiled = m_passing;
+      m_spoiledUpTo = m_last;
     }
   }
   return true;
@@ -365,6 +372,29 @@ void SourceEngine::Settle(const Moment& now) {
   StepFetch();
   SendQueries();
   Pump();
+  SendProgress(now);
+}
+
+Progress SourceEngine::ProgressNow() const {
+  Progress progress;
+  progress.closed = m_status.closed;
+  progress.sent = m_status.sent;
+  progress.waiting = MemoryUsed();
+  progress.passed = m_passed;
+  progress.passed.resize(m_config.volumes.size());
+  return progress;
+}
+
+// What changes at once is told now and then only.
+void SourceEngine::SendProgress(const Moment& now) {
+  if (m_status.phase != SourcePhase::kOnline) return;
+  Progress progress = ProgressNow();
+  m_hasToTell = progress != m_told;
+  if (!m_hasToTell || now.steady < m_tellAt) return;
+  Send(Encode(progress));
+  m_told = std::move(progress);
+  m_tellAt = now.steady + m_config.progressEvery;
+  m_hasToTell = false;
 }
 
 bool SourceEngine::IsSettled() const {

@@ -43,6 +43,7 @@ struct SourceConfig {
   Millis greetTimeout = 10'000;
   Millis progressTimeout = 30'000;  // nothing came although something is due
   Millis pingAfter = 10'000;        // of silence
+  Millis progressEvery = 1'000;     // how often the target is told where the source is
   Millis backoffMin = 200;
   Millis backoffMax = 10'000;
 
@@ -74,6 +75,7 @@ struct SourceStatus {
   bool resyncing = false;           // a pass is wanted or under way
   std::uint64_t passBytes = 0;      // of the volumes of the pass
   std::uint64_t comparedBytes = 0;  // of those: settled
+  std::uint64_t passedBytes = 0;    // of those: durable at the target, or equal there
   std::uint64_t equalBytes = 0;     // found equal, or zero on a new volume
   std::uint64_t rawBytes = 0;       // of blocks made: volume data
   std::uint64_t packedBytes = 0;    // of blocks made: as they travel
@@ -152,6 +154,11 @@ class SourceEngine {
  private:
   using Cursor = SourceCursor;
   using Window = SourceWindow;
+  struct ResyncRange {
+    std::uint8_t volume = 0;
+    std::uint64_t offset = 0;
+    std::uint64_t length = 0;
+  };
 
   // source_engine.cpp: the connection.
   void SetPhase(SourcePhase phase) { m_status.phase = phase; }
@@ -168,6 +175,8 @@ class SourceEngine {
   void Refuse(const std::string& why, const Moment& now);
   void Send(Frame frame);
   void Say(NoteLevel level, std::string text);
+  Progress ProgressNow() const;
+  void SendProgress(const Moment& now);
   void Settle(const Moment& now);  // after every event: whatever has become possible
 
   // source_pipe.cpp: datasets on their way.
@@ -222,6 +231,9 @@ class SourceEngine {
   Millis m_lastHeard = 0;
   Millis m_deadline = 0;  // of the phase
   bool m_pinged = false;
+  Progress m_told;      // to the target, on this connection
+  Millis m_tellAt = 0;  // not before
+  bool m_hasToTell = false;
   Millis m_backoff = 0;
 
   // The pipeline and what is known of its datasets.
@@ -241,7 +253,12 @@ class SourceEngine {
   bool m_passWanted = false;
   std::uint64_t m_passAfter = 0;  // begins when this one is applied
   bool m_passing = false;
-  std::vector<bool> m_passCopies;  // a volume that reads as zeros: nothing to compare with
+  bool m_passSpoiled = false;  // of the pass under way: the target lost what it stands on
+  // Datasets up to this one neither begin nor complete a resync: they were made for volumes that
+  // the target does not have any more as they were.
+  std::uint64_t m_spoiledUpTo = 0;
+  std::vector<bool> m_passCopies;       // a volume that reads as zeros: nothing to compare with
+  std::vector<std::uint64_t> m_passed;  // by volume: bytes of the pass that are durable
   std::size_t m_passVolume = 0;
   std::uint64_t m_passOffset = 0;
   std::map<std::uint64_t, std::unique_ptr<ResyncWork>> m_resyncs;  // not sealed
@@ -249,8 +266,8 @@ class SourceEngine {
   std::deque<std::pair<std::uint64_t, std::uint64_t>> m_batches;   // n, first block: to be asked
   bool m_kept = false;  // set by the received callback: the buffer at hand is to be sent
   std::map<std::uint64_t, std::uint64_t> m_held;  // by n: bytes reserved until acknowledged
-  // By n, until acknowledged: volume and offset.
-  std::map<std::uint64_t, std::pair<std::uint8_t, std::uint64_t>> m_resyncRange;
+  // By n, until acknowledged.
+  std::map<std::uint64_t, ResyncRange> m_resyncRange;
   std::uint64_t m_reserved = 0;
   std::uint32_t m_fetching = 0;
 

@@ -85,7 +85,11 @@ void SourceEngine::AckUpTo(std::uint64_t n) {
     m_ackedChain = m_chains[acked] = place->second.chain;
     m_cursors.erase(place);
     m_status.durable = acked;
-    m_resyncRange.erase(acked);
+    if (const auto range = m_resyncRange.find(acked); range != m_resyncRange.end()) {
+      m_status.passedBytes += range->second.length;
+      m_passed[range->second.volume] += range->second.length;
+      m_resyncRange.erase(range);
+    }
     if (const auto held = m_held.find(acked); held != m_held.end()) {
       m_reserved -= held->second;
       m_held.erase(held);
@@ -243,14 +247,15 @@ void SourceEngine::SendStart(Cursor& cursor) {
   cursor.start.timestampMs = ds.GetDsTimestamp();
   cursor.start.group = GroupId(m_config.group);
   cursor.start.datasetType = ds.GetDsType();
-  if (ds.GetInitialSyncComplete()) cursor.start.flags |= kStartSyncComplete;
+  const bool isSpoiled = cursor.start.n <= m_spoiledUpTo;
+  if (ds.GetInitialSyncComplete() && !isSpoiled) cursor.start.flags |= kStartSyncComplete;
   if (ds.GetApplConsistentSnapshot()) cursor.start.flags |= kStartConsistent;
   // The entries: a resync dataset's volume, also when nothing of it differed; else the volumes by
   // their index.
   if (ds.IsFingerprinted()) {
     if (const auto range = m_resyncRange.find(ds.GetN()); range != m_resyncRange.end()) {
-      cursor.start.volumes.push_back(m_volumeIds[range->second.first]);
-      if (range->second.second == 0) cursor.start.flags |= kStartPassBegins;
+      cursor.start.volumes.push_back(m_volumeIds[range->second.volume]);
+      if (range->second.offset == 0 && !isSpoiled) cursor.start.flags |= kStartPassBegins;
     }
   } else {
     const auto& indices = cursor.ds->GetVolIdx().first;

@@ -38,12 +38,13 @@ bool SourceEngine::PassMayBegin() const {
 }
 
 void SourceEngine::BeginPass() {
-  m_passWanted = false;
+  m_passWanted = m_passSpoiled = false;
   m_passing = true;
   m_passVolume = 0;
   m_passOffset = 0;
   m_passCopies.clear();
-  m_status.passBytes = m_status.comparedBytes = m_status.equalBytes = 0;
+  m_passed.assign(m_config.volumes.size(), 0);
+  m_status.passBytes = m_status.comparedBytes = m_status.equalBytes = m_status.passedBytes = 0;
   for (std::size_t i = 0; i < m_remote.size(); ++i) {
     m_status.passBytes += m_config.volumes[i].size;
     // A new volume is compared with nothing, once: from here on it is not new any more.
@@ -56,7 +57,7 @@ void SourceEngine::StepPass(const Moment& now) {
   if (PassMayBegin()) BeginPass();
   m_status.resyncing = m_passWanted || m_passing;
   if (!m_passing) return;
-  while (m_passVolume < m_config.volumes.size()) {
+  while (!m_passSpoiled && m_passVolume < m_config.volumes.size()) {
     const std::uint64_t size = m_config.volumes[m_passVolume].size;
     const std::uint64_t length = std::min(m_config.resyncBytes, size - m_passOffset);
     if (m_reserved > 0 && m_reserved + length > m_config.memory) return;
@@ -73,6 +74,11 @@ void SourceEngine::StepPass(const Moment& now) {
 // The first point at which the group is good again: everything that the pass read is in a dataset
 // up to this one.
 void SourceEngine::EndPass(const Moment& now) {
+  if (m_passSpoiled) {
+    m_passing = false;
+    m_passAfter = m_status.closed;
+    return;
+  }
   if (!HasOpenNormal()) PushNormal(now);
   m_newest->SetInitialSyncComplete();
   m_status.syncedAt = m_last;
@@ -113,7 +119,7 @@ void SourceEngine::OpenResync(std::uint8_t volume, std::uint64_t offset, std::ui
   }
   m_held[n] = length;
   m_reserved += length;
-  m_resyncRange[n] = {volume, offset};
+  m_resyncRange[n] = {volume, offset, length};
   ResyncWork& kept = *work;
   m_resyncs[n] = std::move(work);
   if (Push(kept.ds, now) == 0) return;

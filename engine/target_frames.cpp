@@ -40,6 +40,7 @@ void TargetGroup::Received(ConnId conn, const Frame& frame, const Moment& now) {
       break;
     }
     case FrameType::kPong: break;
+    case FrameType::kProgress: TakeProgress(*peer, frame); break;
     case FrameType::kBye: Drop(conn, "the source says goodbye"); break;
     case FrameType::kError: Drop(conn, "the source reports an error"); break;
     case FrameType::kHello:
@@ -54,6 +55,21 @@ void TargetGroup::Received(ConnId conn, const Frame& frame, const Moment& now) {
       break;
   }
   Advance(now);
+}
+
+void TargetGroup::TakeProgress(const TargetPeer& peer, const Frame& frame) {
+  Progress progress;
+  if (std::string why = Decode(frame.Payload(), progress); !why.empty()) {
+    return Refuse(peer.conn, ErrorCode::kProtocol, why);
+  }
+  if (peer.conn != m_source || progress.passed.size() != peer.hello.volumes.size()) {
+    return Refuse(peer.conn, ErrorCode::kProtocol, "PROGRESS that is not a source's of this group");
+  }
+  m_passed.clear();
+  for (std::size_t i = 0; i < progress.passed.size(); ++i) {
+    m_passed[peer.hello.volumes[i].name] = progress.passed[i];
+  }
+  m_progress = std::move(progress);
 }
 
 bool TargetGroup::IsGranted(const TargetPeer& peer, const std::string& volume) const {

@@ -99,6 +99,8 @@ void TargetGroup::Greet(ConnId conn, const std::string& identity, const Hello& h
       }
     }
     m_source = conn;
+    m_progress = {};
+    m_passed.clear();
     m_wantEpoch = hello.epoch == 0;
   }
   m_greetings.push_back(conn);
@@ -177,6 +179,10 @@ void TargetGroup::Completed(const VolumeOpened& opened, const Moment& now) {
         Note{NoteLevel::kError, "volume " + m_openName +
                                     " is not the one that the target knew: it has "
                                     "to be compared as a whole"});
+  } else if (volume.record.state == VolumeState::kNew) {
+    // It was made by a process that has ended: who knows what was written into it since.
+    volume.record.state = VolumeState::kNeedsResync;
+    m_changed[m_openName] = volume.record;
   }
   OpenNext(now);
   Advance(now);
@@ -283,11 +289,19 @@ GroupStatus TargetGroup::Status() const {
   for (const auto& [name, volume] : m_volumes) {
     VolumeRecord record = volume.record;
     if (record.state == VolumeState::kGood) record.goodAt = m_state.flushed;
+    const auto passed = m_passed.find(name);
+    if (record.state == VolumeState::kSyncing && passed != m_passed.end()) {
+      status.passed[name] = std::min(passed->second, record.size);
+    }
     status.state.volumes.push_back(std::move(record));
   }
   status.applied = m_applied;
   status.arriving = m_arrivals.empty() ? m_state.durable : m_arrivals.back()->n;
+  status.closed = std::max(m_progress.closed, status.arriving);
+  status.sent = std::max(m_progress.sent, m_state.durable);
+  status.waitingBytes = m_progress.waiting;
   status.journalBytes = JournalBytes();
+  status.journalQuota = m_port.config.journalQuota;
   status.recovering = !m_recovered;
   status.connected = m_source != 0;
   status.trouble = m_applyTrouble.empty() ? m_trouble : m_applyTrouble;

@@ -93,6 +93,7 @@ class TargetGroup {
   void TakeBlock(TargetPeer& peer, const Frame& frame);
   void TakeEnd(TargetPeer& peer, const Frame& frame);
   void TakeQuery(TargetPeer& peer, const Frame& frame);
+  void TakeProgress(const TargetPeer& peer, const Frame& frame);
   std::string CheckStart(const TargetPeer& peer, const DatasetStart& start) const;
   bool TakeVolumes(const TargetPeer& peer, const DatasetStart& start, Arrival& arrival) const;
   std::string CheckEnd(const DatasetEnd& end, Arrival& arrival);
@@ -144,7 +145,9 @@ class TargetGroup {
   std::string m_applyTrouble;  // of the dataset that waits to be applied
 
   std::map<ConnId, TargetPeer> m_peers;
-  ConnId m_source = 0;             // the peer that replicates
+  ConnId m_source = 0;                            // the peer that replicates
+  Progress m_progress;                            // what a source said of itself last
+  std::map<std::string, std::uint64_t> m_passed;  // by volume, of m_progress
   std::deque<ConnId> m_greetings;  // peers to be welcomed: their volumes are being opened
   bool m_opening = false;
   std::string m_openName;

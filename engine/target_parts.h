@@ -98,8 +98,15 @@ struct Arrival {
 struct GroupStatus {
   GroupState state;  // as committed
   std::uint64_t applied = 0;
-  std::uint64_t arriving = 0;      // the newest dataset that began to arrive
-  std::uint64_t journalBytes = 0;  // of files not yet flushed
+  std::uint64_t arriving = 0;  // the newest dataset that began to arrive
+  // What its source said last. Of a source that is gone, or never said anything, at least what
+  // came of it.
+  std::uint64_t closed = 0;
+  std::uint64_t sent = 0;
+  std::uint64_t waitingBytes = 0;               // not acknowledged
+  std::map<std::string, std::uint64_t> passed;  // volumes being resynced: bytes that it is over
+  std::uint64_t journalBytes = 0;               // of files not yet flushed
+  std::uint64_t journalQuota = 0;               // 0: not known
   bool recovering = false;
   bool connected = false;  // a source is
   std::string trouble;     // "journal full", ...; empty: none

@@ -76,13 +76,14 @@ void TakeAny(Bytes payload, Type... type) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const Bytes payload(data + 1, size - 1);
-  switch (data[0] % 7) {
+  switch (data[0] % 8) {
     case 0: TakeHello(payload); break;
     case 1: TakeWelcome(payload); break;
     case 2: TakeError(payload); break;
     case 3: TakeStart(payload); break;
     case 4: TakeAny<penstock::DatasetEnd>(payload); break;
     case 5: TakeAny<penstock::Report>(payload, FrameType::kAck); break;
+    case 6: TakeAny<penstock::Progress>(payload); break;
     default: TakeAny<penstock::Ping>(payload, FrameType::kPing); break;
   }
   return 0;

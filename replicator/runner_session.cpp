@@ -38,7 +38,7 @@ ExitCode CodeOf(ErrorCode code) {
 ProgressFigures FiguresOf(const SourceStatus& status, std::uint64_t totalBytes) {
   ProgressFigures figures;
   figures.totalBytes = status.passBytes == 0 ? totalBytes : status.passBytes;
-  figures.doneBytes = status.comparedBytes;
+  figures.doneBytes = status.passedBytes;
   figures.equalBytes = status.equalBytes;
   figures.sentBytes = status.rawBytes;
   figures.wireBytes = status.packedBytes;
@@ -106,7 +106,7 @@ void Session::Impl::Look() {
   if (isInterrupted &&
       (!isOnline || status.durable >= sentAtInterrupt || now - interruptedMs >= kInterruptMs)) {
     const unsigned percent =
-        Percent(status.comparedBytes, std::max<std::uint64_t>(status.passBytes, 1));
+        Percent(status.passedBytes, std::max<std::uint64_t>(status.passBytes, 1));
     return End(kExitInterrupted, "interrupted at " + std::to_string(percent) +
                                      " %; run the same command again to go on");
   }

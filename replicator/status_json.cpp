@@ -15,16 +15,27 @@ using Json = nlohmann::ordered_json;
 
 // How far the copy is behind, in seconds: nothing when everything that came is flushed.
 std::uint64_t LagSeconds(const GroupStatus& status, std::uint64_t wallMs) {
-  if (status.state.flushed >= std::max(status.arriving, status.state.durable)) return 0;
+  if (status.state.flushed >= status.closed) return 0;
   const std::uint64_t since = status.state.flushedAtMs;
   return since == 0 || wallMs < since ? 0 : (wallMs - since) / 1000;
 }
 
-Json VolumeJson(const VolumeRecord& volume) {
-  return {{"name", volume.name},
-          {"size", volume.size},
-          {"state", Text(volume.state)},
-          {"goodAt", volume.goodAt}};
+// Whole percents; 100 only when it is all.
+std::uint64_t Percent(std::uint64_t part, std::uint64_t whole) {
+  if (part >= whole) return 100;
+  return static_cast<std::uint64_t>(99.999 * static_cast<double>(part) /
+                                    static_cast<double>(whole));
+}
+
+Json VolumeJson(const VolumeRecord& volume, const GroupStatus& status) {
+  Json json{{"name", volume.name},
+            {"size", volume.size},
+            {"state", Text(volume.state)},
+            {"goodAt", volume.goodAt}};
+  if (const auto passed = status.passed.find(volume.name); passed != status.passed.end()) {
+    json["percent"] = Percent(passed->second, volume.size);
+  }
+  return json;
 }
 
 Json CountersJson(const Counters& counters) {
@@ -43,17 +54,22 @@ Json GroupJson(const GroupStatus& status, std::uint64_t wallMs) {
              {"epoch", state.epoch},
              {"connected", status.connected},
              {"recovering", status.recovering},
+             {"closed", status.closed},
+             {"sent", status.sent},
              {"received", status.arriving},
              {"durable", state.durable},
              {"applied", status.applied},
              {"flushed", state.flushed},
              {"lagSeconds", LagSeconds(status, wallMs)},
-             {"lagDatasets", status.arriving - std::min(status.arriving, state.flushed)},
+             {"lagBytes", status.waitingBytes + status.journalBytes},
+             {"lagDatasets", status.closed - std::min(status.closed, state.flushed)},
              {"journalBytes", status.journalBytes},
+             {"journalQuota", status.journalQuota},
              {"trouble", Escape(status.trouble)},
              {"counters", CountersJson(state.counters)},
              {"volumes", Json::array()}};
-  for (const VolumeRecord& volume : state.volumes) group["volumes"].push_back(VolumeJson(volume));
+  for (const VolumeRecord& volume : state.volumes)
+    group["volumes"].push_back(VolumeJson(volume, status));
   return group;
 }
 
@@ -70,6 +86,9 @@ std::string VolumeRow(const Json& volume) {
   const std::string state = TextOf(volume, "state");
   std::string row = "  " + TextOf(volume, "name") + ": " + state;
   if (state == "good") row += " at " + std::to_string(NumberOf(volume, "goodAt"));
+  if (volume.contains("percent")) {
+    row += " " + std::to_string(NumberOf(volume, "percent")) + " %";
+  }
   return row + ", " + HumanBytes(NumberOf(volume, "size")) + "\n";
 }
 
@@ -81,11 +100,16 @@ std::string GroupRows(const Json& group) {
   std::string rows = "group " + TextOf(group, "name") + ": epoch " + number(group, "epoch");
   rows += group.at("connected").get<bool>() ? ", source connected" : ", no source";
   if (group.at("recovering").get<bool>()) rows += ", recovering";
-  rows += "\n  received " + number(group, "received") + ", durable " + number(group, "durable") +
+  rows += "\n  closed " + number(group, "closed") + ", sent " + number(group, "sent") +
+          ", received " + number(group, "received") + ", durable " + number(group, "durable") +
           ", applied " + number(group, "applied") + ", flushed " + number(group, "flushed") +
-          "; lag " + HumanSeconds(NumberOf(group, "lagSeconds")) + ", " +
-          number(group, "lagDatasets") + " datasets; journal " +
-          HumanBytes(NumberOf(group, "journalBytes")) + "\n";
+          "\n  lag " + HumanSeconds(NumberOf(group, "lagSeconds")) + ", " +
+          HumanBytes(NumberOf(group, "lagBytes")) + ", " + number(group, "lagDatasets") +
+          " datasets; journal " + HumanBytes(NumberOf(group, "journalBytes"));
+  if (const std::uint64_t quota = NumberOf(group, "journalQuota"); quota != 0) {
+    rows += " of " + HumanBytes(quota);
+  }
+  rows += "\n";
   rows += "  " + HumanBytes(NumberOf(counters, "rawBytes")) + " sent as " +
           HumanBytes(NumberOf(counters, "receivedBytes")) + ", equal " +
           HumanBytes(NumberOf(counters, "equalBytes")) + ", " + number(counters, "refused") +
@@ -109,7 +133,7 @@ GroupStatus StatusOf(const GroupState& state) {
   GroupStatus status;
   status.state = state;
   status.applied = state.flushed;
-  status.arriving = state.durable;
+  status.arriving = status.closed = status.sent = state.durable;
   for (const JournalRecord& record : state.journal) status.journalBytes += record.bytes;
   for (VolumeRecord& volume : status.state.volumes) {
     if (volume.state == VolumeState::kGood) volume.goodAt = state.flushed;

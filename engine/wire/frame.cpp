@@ -33,6 +33,7 @@ constexpr std::uint32_t kPrintBytes = 8;
 constexpr std::uint32_t kAnswerBytes = 8 + 1 + 8 + 4 + 2;
 constexpr std::uint32_t kRunBytes = 2 + 2 + 1;
 constexpr std::uint32_t kStrongBytes = sizeof(BufFingerprint::bytes);
+constexpr std::uint32_t kProgressBytes = 8 + 8 + 8 + 2;
 constexpr std::uint32_t kErrorBytes = 2 + 8 + kTextLengthBytes;
 constexpr std::uint32_t kMaxStatusBytes = 1U << 20U;
 
@@ -43,6 +44,7 @@ constexpr std::uint32_t kMaxWelcomeBytes = kWelcomeBytes + kVolumes * kWelcomeVo
 constexpr std::uint32_t kMaxStartBytes = kStartBytes + kVolumes * kStartVolumeBytes;
 constexpr std::uint32_t kMaxQueryBytes = kQueryBytes + kWindowBlocks * kPrintBytes;
 constexpr std::uint32_t kMaxAnswerBytes = kAnswerBytes + kWindowBlocks * (kRunBytes + kStrongBytes);
+constexpr std::uint32_t kMaxProgressBytes = kProgressBytes + kVolumes * 8;
 static_assert(kStrongBytes == 20);
 
 // Ascending by type.
@@ -59,6 +61,7 @@ constexpr auto kTable = std::to_array<FrameLimits>({
     {FrameType::kAnswer, "ANSWER", kAnswerBytes + kRunBytes, kMaxAnswerBytes, false},
     {FrameType::kPing, "PING", 8, 8, false},
     {FrameType::kPong, "PONG", 8, 8, false},
+    {FrameType::kProgress, "PROGRESS", kProgressBytes, kMaxProgressBytes, false},
     {FrameType::kError, "ERROR", kErrorBytes, kErrorBytes + kMaxTextBytes, true},
     {FrameType::kBye, "BYE", 0, 0, true},
     {FrameType::kStatusQuery, "STATUS_QUERY", 0, 0, false},

@@ -32,6 +32,7 @@ enum class FrameType : std::uint32_t {
   kAnswer = 231,
   kPing = 240,
   kPong = 241,
+  kProgress = 242,
   kError = 250,
   kBye = 251,
   kStatusQuery = 260,

@@ -136,6 +136,30 @@ std::string Decode(Bytes payload, Ping& out) {
   return in.End();
 }
 
+Frame Encode(const Progress& m) {
+  ByteWriter out;
+  out.Number(m.closed);
+  out.Number(m.sent);
+  out.Number(m.waiting);
+  out.Number(static_cast<std::uint16_t>(m.passed.size()));
+  for (const std::uint64_t bytes : m.passed) out.Number(bytes);
+  return Frame::Of(FrameType::kProgress, out.Take());
+}
+
+std::string Decode(Bytes payload, Progress& out) {
+  ByteReader in(payload);
+  out = {};
+  out.closed = in.Number<std::uint64_t>();
+  out.sent = in.Number<std::uint64_t>();
+  out.waiting = in.Number<std::uint64_t>();
+  const std::size_t count = in.Number<std::uint16_t>();
+  if (count > kMaxVolumes) return std::to_string(count) + " volumes";
+  if (!in.Holds(count, sizeof(std::uint64_t))) return ByteReader::kEndsTooEarly;
+  out.passed.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) out.passed.push_back(in.Number<std::uint64_t>());
+  return in.End();
+}
+
 // A text that is too long loses its end: what went wrong must be told all the same.
 Frame Encode(const Error& m) {
   ByteWriter out;

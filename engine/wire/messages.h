@@ -144,6 +144,17 @@ struct Ping {
   std::uint64_t token = 0;
 };
 
+// What a source says of itself, for the target's status: nothing is decided by it.
+// closed:u64 sent:u64 waiting:u64 count:u16 (passed:u64){count}
+struct Progress {
+  std::uint64_t closed = 0;           // the newest closed dataset
+  std::uint64_t sent = 0;             // the newest one that was sent to its end
+  std::uint64_t waiting = 0;          // bytes of volume data that are not acknowledged
+  std::vector<std::uint64_t> passed;  // of each volume, as in HELLO: bytes that the resync is over
+
+  friend bool operator==(const Progress&, const Progress&) = default;
+};
+
 enum class ErrorCode : std::uint16_t {
   kProtocol = 1,  // a frame that makes no sense here
   kDamaged = 2,   // a frame or block that was damaged on the way
@@ -176,6 +187,7 @@ Frame Encode(FrameType type, const Report& m);  // kAck, kDone, kFlushed
 Frame Encode(const Query& m);
 Frame Encode(const Answer& m);
 Frame Encode(FrameType type, const Ping& m);  // kPing, kPong
+Frame Encode(const Progress& m);
 Frame Encode(const Error& m);
 Frame EncodeBye();
 Frame EncodeStatusQuery();
@@ -190,6 +202,7 @@ std::string Decode(Bytes payload, Report& out);
 std::string Decode(Bytes payload, Query& out);
 std::string Decode(Bytes payload, Answer& out);
 std::string Decode(Bytes payload, Ping& out);
+std::string Decode(Bytes payload, Progress& out);
 std::string Decode(Bytes payload, Error& out);
 
 }  // namespace penstock

@@ -111,10 +111,11 @@ class Status(Rig):
     def check(self, groups):
         self.assertEqual(len(groups), 1)
         group = groups[0]
-        for name in ("received", "durable", "applied", "flushed"):
+        for name in ("closed", "sent", "received", "durable", "applied", "flushed"):
             self.assertEqual(group[name], self.at)
         self.assertEqual(group["epoch"], 1)
-        self.assertEqual(group["lagSeconds"], 0)
+        for name in ("lagSeconds", "lagBytes", "lagDatasets", "journalBytes"):
+            self.assertEqual(group[name], 0)
         self.assertEqual(group["volumes"],
                          [{"name": "a", "size": 3 * MIB, "state": "good", "goodAt": self.at}])
         self.assertEqual(group["counters"]["rawBytes"], 3 * MIB)
@@ -129,6 +130,29 @@ class Status(Rig):
     def test_of_a_state_at_rest(self):
         self.assertEqual(self.stop(self.process, signal.SIGINT).code, 0)
         self.check(self.ok("status", "--state", self.path("state"), "--json").json()["groups"])
+
+    def test_of_a_copy_under_way(self):
+        self.image("large", 64 * MIB)
+        process = self.start("sync", "--to", self.address, "--plaintext", "--group", "h",
+                             "--limit-rate", "16M", "--compress", "none", "--quiet",
+                             f"v={self.path('large')}")
+        seen = []
+        while not any(0 < percent < 100 for percent in seen):
+            groups = self.ok("status", "--of", self.address, "--plaintext",
+                             "--json").json()["groups"]
+            group = next((group for group in groups if group["name"] == "h"), None)
+            if group is None or not group["volumes"]:
+                continue
+            seen.append(group["volumes"][0].get("percent", 0))
+            self.assertTrue(process.is_running(), f"it ended unseen: {seen}")
+        self.assertTrue(group["connected"])
+        self.assertEqual(group["volumes"][0]["state"], "syncing")
+        self.assertGreaterEqual(group["closed"], group["durable"])
+        self.assertGreater(group["lagBytes"], 0)
+        self.assertEqual(group["journalQuota"], 16 << 30)
+        table = self.ok("status", "--of", self.address, "--plaintext").out
+        self.assertRegex(table, r"v: syncing \d+ %, 64.0 MiB")
+        self.assertEqual(process.wait().code, 0)
 
     def test_for_people(self):
         result = self.ok("status", "--of", self.address, "--plaintext")

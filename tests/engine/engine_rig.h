@@ -121,6 +121,10 @@ inline std::string Show(const Frame& frame) {
       const auto error = Decoded<Error>(frame);
       return std::string("ERROR ") + Text(error.code) + ": " + error.text;
     }
+    case FrameType::kProgress: {
+      const auto progress = Decoded<Progress>(frame);
+      return "PROGRESS closed " + Number(progress.closed) + " sent " + Number(progress.sent);
+    }
     case FrameType::kPing:
     case FrameType::kPong:
     case FrameType::kBye:

@@ -218,6 +218,22 @@ TEST_F(SourceConnection, PingIsAnswered) {
   EXPECT_EQ(Status().damaged, 1U);
 }
 
+// --- Progress. ---
+
+TEST_F(SourceConnection, ProgressIsToldWhenSomethingChangedAndOnceASecondAtMost) {
+  m_config.resyncAtStart = false;
+  Online();
+  EXPECT_FALSE(Contains(Wait(2 * m_config.progressEvery), "PROGRESS")) << "nothing changed";
+  EXPECT_EQ(m_engine->CloseDataset(m_now), 1U);
+  EXPECT_TRUE(Contains(Out(), "PROGRESS closed 1 sent 1"));
+  m_engine->CloseDataset(m_now);
+  EXPECT_FALSE(Contains(Out(), "PROGRESS"));
+  EXPECT_EQ(m_engine->NextDeadline(), m_now.steady + m_config.progressEvery);
+  EXPECT_FALSE(Contains(Wait(m_config.progressEvery - 1), "PROGRESS"));
+  EXPECT_EQ(Wait(1), "PROGRESS closed 2 sent 2");
+  EXPECT_GT(m_engine->NextDeadline(), m_now.steady + m_config.progressEvery);
+}
+
 // --- Coming back. ---
 
 TEST_F(SourceConnection, TheWaitDoublesUpToItsLimit) {

@@ -149,6 +149,35 @@ TEST_F(SourceHistory, TheComparisonWaitsForWhatWasClosedMeanwhile) {
   EXPECT_TRUE(Contains(Done(3), "START 4 resync begins"));
 }
 
+TEST_F(SourceHistory, WhatWasMadeForALostVolumeNeitherBeginsNorCompletesAResync) {
+  Online();
+  m_engine->Resync(m_now);
+  Out();
+  EXPECT_TRUE(Contains(RunAll(), "complete"));
+  Reconnect();
+  m_state = VolumeState::kNeedsResync;
+  const std::string again = Welcome();
+  EXPECT_TRUE(Contains(again, "START 1 resync"));
+  EXPECT_TRUE(Contains(again, "START 2"));
+  EXPECT_FALSE(Contains(again, "begins"));
+  EXPECT_FALSE(Contains(again, "complete"));
+  EXPECT_TRUE(Contains(All(2), "START 3 resync begins"));
+  EXPECT_TRUE(Contains(RunAll(), "START 4 complete"));
+}
+
+TEST_F(SourceHistory, APassOverALostVolumeEndsEarlyAndAnotherOneFollows) {
+  m_config.memory = 2 * m_config.resyncBytes;
+  Online();
+  m_engine->Resync(m_now);
+  Out();
+  Reconnect();
+  m_state = VolumeState::kNeedsResync;
+  const std::string again = Welcome() + RunAll();
+  EXPECT_FALSE(Contains(again, "complete"));
+  EXPECT_TRUE(Status().resyncing);
+  EXPECT_EQ(Status().syncedAt, 0U);
+}
+
 TEST_F(SourceHistory, AVolumeThatIsNewAfterItWasCompleteIsComparedAgain) {
   Online();
   m_engine->Resync(m_now);

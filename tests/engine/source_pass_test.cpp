@@ -81,7 +81,10 @@ TEST_F(SourcePass, EqualVolumesSendNothingButTheMark) {
   EXPECT_EQ(Status().equalBytes, 64 * kKiB);
   EXPECT_EQ(Status().comparedBytes, 64 * kKiB);
   EXPECT_EQ(Status().passBytes, 64 * kKiB);
+  EXPECT_EQ(Status().passedBytes, 0U) << "nothing is acknowledged";
   EXPECT_EQ(Status().syncedAt, 2U);
+  Ack(1);
+  EXPECT_EQ(Status().passedBytes, 64 * kKiB);
   EXPECT_FALSE(Status().resyncing);
   EXPECT_FALSE(m_engine->IsSettled());
   All(2);

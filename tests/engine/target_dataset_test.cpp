@@ -247,6 +247,44 @@ TEST_F(TargetDataset, APingThatCannotBeDecodedIsRefused) {
             "ERROR protocol: it ends too early, dropped");
 }
 
+TEST_F(TargetDataset, ProgressIsForTheStatus) {
+  Online({"a", "b"});
+  EXPECT_EQ(Status().closed, 0U);
+  StartResync(1, "b");
+  Run();
+  ASSERT_EQ(StateOf("b"), "syncing@0");
+  EXPECT_EQ(Send(Encode(Progress{7, 5, 4096, {1, 2 * kVolumeBytes}})), "");
+  EXPECT_EQ(Status().closed, 7U);
+  EXPECT_EQ(Status().sent, 5U);
+  EXPECT_EQ(Status().waitingBytes, 4096U);
+  // Only of what is being resynced, and never more than there is.
+  const std::map<std::string, std::uint64_t> passed = {{"b", kVolumeBytes}};
+  EXPECT_EQ(Status().passed, passed);
+  Hello({"a", "b"});
+  EXPECT_EQ(Status().waitingBytes, 0U) << "of another source";
+}
+
+TEST_F(TargetDataset, ProgressOfOtherVolumesThanThoseOfHelloIsRefused) {
+  Online();
+  EXPECT_EQ(Refusal(Send(Encode(Progress{1, 1, 0, {1, 2}}))),
+            "ERROR protocol: PROGRESS that is not a source's of this group, dropped");
+}
+
+TEST_F(TargetDataset, ProgressThatCannotBeDecodedIsRefused) {
+  Online();
+  EXPECT_EQ(Refusal(Send(Frame::Of(FrameType::kProgress, {1}))),
+            "ERROR protocol: it ends too early, dropped");
+}
+
+TEST_F(TargetDataset, ProgressOfAConnectionThatVerifiesIsRefused) {
+  Online();
+  HelloToVerify();
+  Run();
+  EXPECT_EQ(Send(Encode(Progress{1, 1, 0, {1}})),
+            "ERROR protocol: PROGRESS that is not a source's of this group, dropped");
+  EXPECT_EQ(Refused(), 1U);
+}
+
 TEST_F(TargetDataset, GoodbyeAndErrorEndTheConnectionWithoutAnAnswer) {
   Online();
   EXPECT_EQ(Send(EncodeBye()), "dropped");

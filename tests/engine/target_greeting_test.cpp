@@ -258,6 +258,19 @@ TEST_F(TargetGreeting, AVolumeThatWasReplacedNeedsAResync) {
   EXPECT_TRUE(Contains(m_notes.back(), "volume a is not the one that the target knew"));
 }
 
+TEST_F(TargetGreeting, AVolumeThatWasNewBeforeARestartIsNotTrustedToBeEmpty) {
+  Online();
+  ASSERT_EQ(StateOf("a"), "new@0");
+  Boot();
+  Hello({"a"}, 1);
+  EXPECT_EQ(Run(), "commit a needs resync, WELCOME epoch 1 at 0/0/0 needs resync");
+}
+
+TEST_F(TargetGreeting, AVolumeThatIsMadeIsNewToEachSourceUntilOneBegins) {
+  Online();
+  EXPECT_TRUE(Contains(Joined({Hello({"a"}, 1), Run()}), "WELCOME epoch 1 at 0/0/0 new"));
+}
+
 TEST_F(TargetGreeting, AVolumeThatGrewIsToldItsNewSizeAndNeedsAResync) {
   Online();
   Run();

@@ -39,6 +39,7 @@ std::string FaultOf(FrameType type, Bytes payload, ByteList* again = nullptr) {
     case FrameType::kAnswer: return decode(Answer{}, plain);
     case FrameType::kPing:
     case FrameType::kPong: return decode(Ping{}, typed);
+    case FrameType::kProgress: return decode(Progress{}, plain);
     case FrameType::kError: return decode(penstock::Error{}, plain);
     case FrameType::kBlock:
     case FrameType::kBye:

@@ -175,6 +175,18 @@ TEST(WireMessages, PingAndPong) {
   }
 }
 
+TEST(WireMessages, Progress) {
+  const std::string bytes =
+      "09 00 00 00 00 00 00 00 "  // closed
+      "08 00 00 00 00 00 00 00 "  // sent
+      "00 00 10 00 00 00 00 00 "  // waiting
+      "02 00 "                    // two volumes
+      "00 10 00 00 00 00 00 00 "
+      "08 07 06 05 04 03 02 01";
+  EXPECT_EQ(PayloadOf(Encode(SampleProgress())), bytes);
+  EXPECT_EQ(ThereAndBack<Progress>(Encode(SampleProgress())), bytes);
+}
+
 TEST(WireMessages, Error) {
   const std::string bytes =
       "04 00 "                    // fenced

@@ -139,6 +139,8 @@ inline Answer SampleAnswer() {
 
 inline Ping SamplePing() { return {0x1122334455667788U}; }
 
+inline Progress SampleProgress() { return {9, 8, 1U << 20U, {4096, 0x0102030405060708U}}; }
+
 inline Error SampleError() { return {ErrorCode::kFenced, 0, "a newer source has the group"}; }
 
 // One frame of each type, in the table's order.
@@ -155,6 +157,7 @@ inline std::vector<Frame> SampleFrames() {
           Encode(SampleAnswer()),
           Encode(FrameType::kPing, SamplePing()),
           Encode(FrameType::kPong, SamplePing()),
+          Encode(SampleProgress()),
           Encode(SampleError()),
           EncodeBye(),
           EncodeStatusQuery(),

@@ -22,6 +22,12 @@ void Disk::MakeVolume(const std::string& path, std::uint64_t size) {
   file.named = true;
 }
 
+void Disk::Overwrite(const std::string& path, const std::vector<std::uint8_t>& data) {
+  File& file = m_files.at(path);
+  file.now = file.safe = data;
+  file.dirty.clear();
+}
+
 IoStatus Disk::Create(const std::string& path) {
   if (m_free == 0) return IoStatus::kNoSpace;
   if (!m_files.try_emplace(path).second) return IoStatus::kFailed;

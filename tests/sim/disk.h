@@ -28,6 +28,8 @@ class Disk {
   std::vector<std::string> List(const std::string& prefix) const;
   // Makes a file of zeros, durable at once: how volumes come to be. Empty ones are journal files.
   void MakeVolume(const std::string& path, std::uint64_t size);
+  // Gives a file new content, durable at once.
+  void Overwrite(const std::string& path, const std::vector<std::uint8_t>& data);
   IoStatus Create(const std::string& path);  // exclusive
   IoStatus Write(const std::string& path, std::uint64_t offset, Bytes data);
   bool Read(const std::string& path, std::uint64_t offset, std::uint8_t* out,

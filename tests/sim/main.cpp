@@ -95,6 +95,7 @@ class Simulation {
     faults.secondSource = m_world.rng.Chance(0.2) ? 0.02 : 0;
     faults.rogue = m_world.rng.Chance(0.2) ? 0.05 : 0;
     faults.weakPrints = m_world.rng.Chance(0.3);
+    faults.tamper = m_world.rng.Chance(0.5) ? 0.5 : 0;
   }
 
   void AddSource() {

@@ -35,8 +35,22 @@ std::string TargetNode::FilePath(const std::string& volume, std::uint64_t n) con
 
 // --- Life. ---
 
+// While the target was down nobody watched its volumes: one that was empty need not be any more.
+void TargetNode::Tamper() {
+  if (m_states.empty() || !m_world.Strikes(m_world.faults.tamper)) return;
+  for (const VolumeRecord& record : m_states.front().volumes) {
+    const std::string path = "volume/" + record.name;
+    if (record.state != VolumeState::kNew || !m_disk.Exists(path)) continue;
+    std::vector<std::uint8_t> data(m_disk.Size(path));
+    m_world.rng.Fill(data);
+    m_world.Log("somebody fills " + path);
+    m_disk.Overwrite(path, data);
+  }
+}
+
 void TargetNode::Boot() {
   ++m_boot;
+  Tamper();
   m_wasRecovered = false;
   m_world.Log("target: boots");
   TargetConfig config;

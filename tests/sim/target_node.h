@@ -59,6 +59,7 @@ class TargetNode {
   void CheckSent(const SendFrame& send);
   std::string FilePath(const std::string& volume, std::uint64_t n) const;
   void Timer();
+  void Tamper();
 
   World& m_world;
   Link& m_link;

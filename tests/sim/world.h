@@ -36,6 +36,7 @@ struct Faults {
   double full = 0;         // the disk has no room for a while
   double crashTarget = 0;  // for each command
   double crashSource = 0;
+  double tamper = 0;  // somebody fills a volume that is new while the target is down
   double clockJump = 0;
   double secondSource = 0;  // for each step of the workload
   double rogue = 0;
