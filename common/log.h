@@ -9,10 +9,12 @@
 #include <cstdint>
 #include <ios>
 #include <locale>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "common/function_name.h"
 #include "penstock/host/logger.h"
@@ -89,14 +91,46 @@ inline const void* Address(const void* object) { return object; }
 // A flag as a word, as a piece.
 inline const char* Word(bool flag) { return flag ? "true" : "false"; }
 
+// A piece that does nothing but write its text: left out of a record that is not emitted.
+template <class T>
+concept LogText = std::same_as<T, bool> || LogInteger<T> || std::same_as<T, const void*> ||
+    std::is_convertible_v<const T&, std::string_view>;
+
+// One statement: a record when its level reaches the threshold as the statement begins, and
+// otherwise nothing but the pieces' own stream operators, which are called in any case, because
+// some are the host's. Most records are below the threshold; making a stream for each would cost
+// more than all that the library does besides.
+class LogStatement {
+ public:
+  LogStatement(int level, std::string&& prefix, std::uint64_t requestId, std::string_view label,
+               unsigned int line) {
+    if (level < CLogger::GetInstance().GetLevel()) return;
+    m_record.emplace(level, std::move(prefix), requestId, std::string(label), line);
+  }
+
+  template <class T>
+  LogStatement& operator<<(const T& piece) {
+    if (m_record) {
+      LogPieces(std::move(*m_record)) << piece;
+    } else if constexpr (!LogText<T>) {
+      if (!m_unread) m_unread.emplace();
+      LogPieces(std::move(*m_unread)) << piece;
+    }
+    return *this;
+  }
+
+ private:
+  std::optional<LogProxy> m_record;
+  std::optional<std::ostringstream> m_unread;
+};
+
 // Writes one record at `level` under the name `label`. The request id is fetched before the prefix.
-#define PENSTOCK_LOG_AS(level, label, pieces)                                                   \
-  do {                                                                                          \
-    static constexpr auto kLogLabel = CutFunctionName(label);                                   \
-    const std::uint64_t logRequestId = *TSP_RequestID.get();                                    \
-    LogPieces(                                                                                  \
-        LogProxy(level, GetMsgPrefix(), logRequestId, std::string(kLogLabel.View()), __LINE__)) \
-        << 0 << pieces; /* NOLINT(bugprone-macro-parentheses): a chain of insertions */         \
+#define PENSTOCK_LOG_AS(level, label, pieces)                                           \
+  do {                                                                                  \
+    static constexpr auto kLogLabel = CutFunctionName(label);                           \
+    const std::uint64_t logRequestId = *TSP_RequestID.get();                            \
+    LogStatement(level, GetMsgPrefix(), logRequestId, kLogLabel.View(), __LINE__)       \
+        << 0 << pieces; /* NOLINT(bugprone-macro-parentheses): a chain of insertions */ \
   } while (false)
 
 // Writes one record at `level` under the name of the enclosing function. A macro, because that name

@@ -39,9 +39,9 @@ namespace {
 
 constexpr std::uint64_t kMax64 = std::numeric_limits<std::uint64_t>::max();
 
-class LogStatement : public testing::Test {
+class LogRecords : public testing::Test {
  protected:
-  ~LogStatement() override {
+  ~LogRecords() override {
     SetMsgPrefix("");
     *TSP_RequestID.get() = 0;
   }
@@ -66,6 +66,15 @@ class LogStatement : public testing::Test {
   LogCapture m_log;
 };
 
+// Counts how often it is streamed.
+struct Counted {
+  int& count;
+  friend std::ostream& operator<<(std::ostream& out, const Counted& counted) {
+    ++counted.count;
+    return out << "counted";
+  }
+};
+
 // What a plain stream makes of the same.
 template <class T>
 std::string Streamed(const T& piece) {
@@ -74,7 +83,7 @@ std::string Streamed(const T& piece) {
   return out.str();
 }
 
-TEST_F(LogStatement, NamesTheFunctionThatItStandsIn) {
+TEST_F(LogRecords, NamesTheFunctionThatItStandsIn) {
   {
     const LogTestSpeaker speaker(LOG_ERROR);
     speaker.Speak(7, "N: ");
@@ -85,7 +94,7 @@ TEST_F(LogStatement, NamesTheFunctionThatItStandsIn) {
                    "E Current() under another name", "D LogTestSpeaker::~LogTestSpeaker() gone"}));
 }
 
-TEST_F(LogStatement, CarriesItsSourceLine) {
+TEST_F(LogRecords, CarriesItsSourceLine) {
   CLogger::GetInstance().SetLevel(LOG_NOTICE);
   const LogTestSpeaker speaker(LOG_INFO);
   const int line = speaker.SpeakAndTellTheLine();
@@ -93,7 +102,7 @@ TEST_F(LogStatement, CarriesItsSourceLine) {
   EXPECT_EQ(m_log.Records()[0].line, line);
 }
 
-TEST_F(LogStatement, FetchesPrefixAndRequestIdForEachRecord) {
+TEST_F(LogRecords, FetchesPrefixAndRequestIdForEachRecord) {
   SetMsgPrefix("first: ");
   *TSP_RequestID.get() = 41;
   PENSTOCK_LOG(LOG_INFO, "a");
@@ -108,7 +117,7 @@ TEST_F(LogStatement, FetchesPrefixAndRequestIdForEachRecord) {
   EXPECT_EQ(records[1].requestId, kMax64);
 }
 
-TEST_F(LogStatement, CarriesTheRequestIdOfItsThread) {
+TEST_F(LogRecords, CarriesTheRequestIdOfItsThread) {
   *TSP_RequestID.get() = 1;
   std::thread([] {
     PENSTOCK_LOG(LOG_INFO, "other");
@@ -123,7 +132,7 @@ TEST_F(LogStatement, CarriesTheRequestIdOfItsThread) {
   EXPECT_EQ(records[2].requestId, 1U);
 }
 
-TEST_F(LogStatement, EvaluatesAndStreamsItsPiecesBelowTheThreshold) {
+TEST_F(LogRecords, EvaluatesAndStreamsItsPiecesBelowTheThreshold) {
   CLogger::GetInstance().SetLevel(LOG_ERROR);
   int evaluated = 0;
   PENSTOCK_LOG(LOG_INFO, "x" << ++evaluated);
@@ -131,33 +140,53 @@ TEST_F(LogStatement, EvaluatesAndStreamsItsPiecesBelowTheThreshold) {
   EXPECT_EQ(Written(), Lines{});
 }
 
-TEST_F(LogStatement, WritesABlankForAPercentSign) {
+TEST_F(LogRecords, CallsAPiecesOwnOperatorBelowTheThreshold) {
+  CLogger::GetInstance().SetLevel(LOG_ERROR);
+  int streamed = 0;
+  PENSTOCK_LOG(LOG_INFO, "x" << Counted{streamed} << 1 << std::hex << Counted{streamed});
+  EXPECT_EQ(streamed, 2);
+  EXPECT_EQ(Written(), Lines{});
+}
+
+TEST_F(LogRecords, IsDecidedByTheThresholdAtItsBeginning) {
+  CLogger::GetInstance().SetLevel(LOG_ERROR);
+  const auto lower = [] {
+    CLogger::GetInstance().SetLevel(LOG_DEBUG);
+    return "too late";
+  };
+  PENSTOCK_LOG(LOG_INFO, lower());
+  EXPECT_EQ(Written(), Lines{});
+  PENSTOCK_LOG(LOG_INFO, "in time");
+  EXPECT_EQ(TheText(), "in time");
+}
+
+TEST_F(LogRecords, WritesABlankForAPercentSign) {
   PENSTOCK_LOG(LOG_INFO, "at " << std::string("/mnt/50%d"));
   EXPECT_EQ(TheText(), "at /mnt/50 d");
 }
 
-TEST_F(LogStatement, MayBeAnEmptyMessage) {
+TEST_F(LogRecords, MayBeAnEmptyMessage) {
   PENSTOCK_LOG(LOG_INFO, std::string());
   EXPECT_EQ(TheText(), "");
 }
 
-TEST_F(LogStatement, CarriesATextOfAnyLength) {
+TEST_F(LogRecords, CarriesATextOfAnyLength) {
   const std::string text(100'000, 'x');
   PENSTOCK_LOG(LOG_INFO, text << "end");
   EXPECT_EQ(TheText(), text + "end");
 }
 
-TEST_F(LogStatement, WritesABooleanAsADigit) {
+TEST_F(LogRecords, WritesABooleanAsADigit) {
   EXPECT_EQ(Logged(true), "<1>");
   EXPECT_EQ(Logged(false), "<0>");
 }
 
-TEST_F(LogStatement, WritesAWordWhereAskedFor) {
+TEST_F(LogRecords, WritesAWordWhereAskedFor) {
   EXPECT_EQ(Logged(Word(true)), "<true>");
   EXPECT_EQ(Logged(Word(false)), "<false>");
 }
 
-TEST_F(LogStatement, WritesTheExtremesOfEachIntegerAsAStreamDoes) {
+TEST_F(LogRecords, WritesTheExtremesOfEachIntegerAsAStreamDoes) {
   const auto agreeAt = [this](auto number) { EXPECT_EQ(Logged(number), Streamed(number)); };
   const auto agree = [&](auto zero) {
     using Number = decltype(zero);
@@ -175,7 +204,7 @@ TEST_F(LogStatement, WritesTheExtremesOfEachIntegerAsAStreamDoes) {
   agree(static_cast<unsigned short>(0));
 }
 
-TEST_F(LogStatement, WritesAllKindsOfTextAlike) {
+TEST_F(LogRecords, WritesAllKindsOfTextAlike) {
   const char* const pointer = "text";
   EXPECT_EQ(Logged("text"), "<text>");
   EXPECT_EQ(Logged(pointer), "<text>");
@@ -184,7 +213,7 @@ TEST_F(LogStatement, WritesAllKindsOfTextAlike) {
   EXPECT_EQ(Logged('t'), "<t>");
 }
 
-TEST_F(LogStatement, WritesAnAddressAsAStreamDoes) {
+TEST_F(LogRecords, WritesAnAddressAsAStreamDoes) {
   const int object = 0;
   EXPECT_EQ(Logged(Address(&object)), Streamed(static_cast<const void*>(&object)));
   EXPECT_EQ(Logged(Address(nullptr)), "<0>");
@@ -193,7 +222,7 @@ TEST_F(LogStatement, WritesAnAddressAsAStreamDoes) {
   EXPECT_EQ(Logged(highest), "<0xffffffffffffffff>");
 }
 
-TEST_F(LogStatement, WritesOtherValuesByTheirOwnOperator) {
+TEST_F(LogRecords, WritesOtherValuesByTheirOwnOperator) {
   EXPECT_EQ(Logged(DS_ERROR_OUT_OF_RANGE), "<DS_ERROR_OUT_OF_RANGE>");
   EXPECT_EQ(Logged(Print(0x1f)), Streamed(Print(0x1f)));
   EXPECT_EQ(Logged(Buf(1, 4096, 512)), Streamed(Buf(1, 4096, 512)));
@@ -201,19 +230,19 @@ TEST_F(LogStatement, WritesOtherValuesByTheirOwnOperator) {
   EXPECT_EQ(TheText(), "1.500000");
 }
 
-TEST_F(LogStatement, LetsNothingLeakFromAPieceIntoAnIntegerOrAnAddress) {
+TEST_F(LogRecords, LetsNothingLeakFromAPieceIntoAnIntegerOrAnAddress) {
   const int object = 0;
   PENSTOCK_LOG(LOG_INFO, Buf(1, 4096, 512) << " " << 255 << " " << -1 << " " << true << " "
                                            << Address(&object) << " " << Address(nullptr));
   EXPECT_EQ(TheText(), Text(Buf(1, 4096, 512)) + " 255 -1 1 " + Ptr(&object) + " 0");
 }
 
-TEST_F(LogStatement, KeepsTheShowBaseThatABufferLeaves) {
+TEST_F(LogRecords, KeepsTheShowBaseThatABufferLeaves) {
   PENSTOCK_LOG(LOG_INFO, Buf(1, 0, 0) << std::hex << short{255});
   EXPECT_EQ(TheText(), Text(Buf(1, 0, 0)) + "0xff");
 }
 
-TEST_F(LogStatement, WritesTheSameNumbersUnderAnotherLocale) {
+TEST_F(LogRecords, WritesTheSameNumbersUnderAnotherLocale) {
   const GroupingLocale grouping;
   PENSTOCK_LOG(LOG_INFO, 1234567 << " " << kMax64 << " " << std::int64_t{-1234567} << " " << true
                                  << " " << std::fixed << 1234567.5 << " " << Buf(1, 65536, 65536));
@@ -222,7 +251,7 @@ TEST_F(LogStatement, WritesTheSameNumbersUnderAnotherLocale) {
             "InternalData[v=00000000-0000-0000-0000-000000000001 o: 0x10000, l=65536]");
 }
 
-TEST_F(LogStatement, LosesTheRestOfAMessageButDoesNotThrowWhenMemoryRunsOut) {
+TEST_F(LogRecords, LosesTheRestOfAMessageButDoesNotThrowWhenMemoryRunsOut) {
   const std::string piece(1'000, 'x');
   {
     LogProxy record(LOG_INFO, "", 0, "f()", 0);
