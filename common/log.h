@@ -27,6 +27,11 @@ concept LogInteger = std::same_as<T, int> || std::same_as<T, unsigned> || std::s
     std::same_as<T, unsigned long> || std::same_as<T, long long> ||
     std::same_as<T, unsigned long long>;
 
+// A number as a piece of sixteen hexadecimal digits.
+struct Hex16 {
+  std::uint64_t value;
+};
+
 // Streams pieces into one record. Texts, integers and addresses, which are nearly all pieces, go
 // straight into the record's buffer; anything else through its own stream operator. What a piece
 // looks like is the same either way; a stream's locale and flags take no part in it.
@@ -45,6 +50,8 @@ class LogPieces {
       Put(piece);
     } else if constexpr (std::same_as<T, const void*>) {
       PutAddress(piece);
+    } else if constexpr (std::same_as<T, Hex16>) {
+      PutHex(piece.value);
     } else if constexpr (std::floating_point<T>) {
       m_out.imbue(std::locale::classic());
       m_out << piece;
@@ -55,6 +62,13 @@ class LogPieces {
   }
 
  private:
+  void PutHex(std::uint64_t value) {
+    static constexpr std::string_view kDigits = "0123456789abcdef";
+    std::array<char, 16> text;
+    for (std::size_t i = text.size(); i-- > 0; value >>= 4U) text[i] = kDigits[value & 0x0fU];
+    Put({text.data(), text.size()});
+  }
+
   void PutAddress(const void* address) {
     if (address == nullptr) {
       Put("0");
@@ -94,7 +108,7 @@ inline const char* Word(bool flag) { return flag ? "true" : "false"; }
 // A piece that does nothing but write its text: left out of a record that is not emitted.
 template <class T>
 concept LogText = std::same_as<T, bool> || LogInteger<T> || std::same_as<T, const void*> ||
-    std::is_convertible_v<const T&, std::string_view>;
+    std::same_as<T, Hex16> || std::is_convertible_v<const T&, std::string_view>;
 
 // One statement: a record when its level reaches the threshold as the statement begins, and
 // otherwise nothing but the pieces' own stream operators, which are called in any case, because

@@ -2,27 +2,9 @@
 #include "penstock/fingerprint_requester.h"
 
 #include <algorithm>
-#include <array>
-#include <string_view>
 #include <utility>
 
 #include "common/log.h"
-
-namespace {
-
-// A fingerprint as a piece of a log record: sixteen hexadecimal digits.
-struct Hex16 {
-  std::uint64_t value;
-};
-
-std::ostream& operator<<(std::ostream& out, Hex16 hex) {
-  static constexpr std::string_view kDigits = "0123456789abcdef";
-  std::array<char, 16> text;
-  for (std::size_t i = text.size(); i-- > 0; hex.value >>= 4U) text[i] = kDigits[hex.value & 0x0fU];
-  return out.write(text.data(), text.size());
-}
-
-}  // namespace
 
 FingerprintRequester::FingerprintRequester(SendFingerprintsFn sendFn, std::uint64_t dsNum,
                                            std::size_t maxDatasetSize, int batchSize)

@@ -222,6 +222,11 @@ TEST_F(LogRecords, WritesAnAddressAsAStreamDoes) {
   EXPECT_EQ(Logged(highest), "<0xffffffffffffffff>");
 }
 
+TEST_F(LogRecords, WritesAFingerprintAsSixteenDigits) {
+  EXPECT_EQ(Logged(Hex16{0}), "<0000000000000000>");
+  EXPECT_EQ(Logged(Hex16{0x0123456789abcdef}), "<0123456789abcdef>");
+}
+
 TEST_F(LogRecords, WritesOtherValuesByTheirOwnOperator) {
   EXPECT_EQ(Logged(DS_ERROR_OUT_OF_RANGE), "<DS_ERROR_OUT_OF_RANGE>");
   EXPECT_EQ(Logged(Print(0x1f)), Streamed(Print(0x1f)));

@@ -39,7 +39,7 @@ MUTATIONS = [
      "    return;\n  }\n  // Another thread",
      "    m_nextFingerprint.fetch_sub(1);\n    return;\n  }\n  // Another thread",
      "a refused fingerprint stays counted"),
-    ("hex-digits", REQUESTER,
+    ("hex-digits", "common/log.h",
      "0123456789abcdef", "0123456789ABCDEF",
-     "a fingerprint is logged in lower case"),
+     "a fingerprint is logged in lower case", REQUESTER),
 ]
