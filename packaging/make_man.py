@@ -8,10 +8,17 @@ import re
 import subprocess
 import sys
 
+ABOUT = ["The source's volumes are read, compared with the target's block by block, and only what",
+         "differs is sent, compressed and checked. A connection that is lost is taken up again; a",
+         "run that was interrupted goes on with the same command."]
+SPECIAL = {"\\": "\\e", "-": "\\-", "'": "\\(aq", "`": "\\(ga", '"': "\\(dq", "^": "\\(ha",
+           "~": "\\(ti"}
+
 
 def quote(text):
-    text = text.replace("\\", "\\e").replace("-", "\\-")
-    return "\\&" + text if text[:1] in (".", "'") else text
+    """Text as it stands, wherever it comes: in a line of its own or behind a macro."""
+    text = "".join(SPECIAL.get(c, c) for c in text)
+    return "\\&" + text if text[:1] in (".", "") else text
 
 
 def help_of(program, *command):
@@ -39,8 +46,21 @@ def section(lines, title):
     return entries(lines[begin + 1 : end])
 
 
+def terms(pairs, macro=".B"):
+    """A list of terms, each with its meaning."""
+    return [line for term, text in pairs for line in (".TP", f"{macro} {quote(term)}", quote(text))]
+
+
 def footer(lines):
-    return [l for l in lines if l.startswith(("Example: ", "Exit codes", "Prints "))]
+    """What follows the last section."""
+    last = max(i for i, l in enumerate(lines) if l.startswith("  "))
+    return [l for l in lines[last + 1 :] if l.strip()]
+
+
+def exit_codes(lines):
+    """Of "Exit codes: 0 done, 1 different.": each code with its meaning."""
+    line = next(l for l in lines if l.startswith("Exit codes: ")).removeprefix("Exit codes: ")
+    return re.findall(r"(\d) (.*?)(?:, (?=\d )|\.?$)", line)
 
 
 def main():
@@ -50,23 +70,21 @@ def main():
     out = [f'.TH PENSTOCK 1 "" "penstock {version}" "User Commands"', ".SH NAME",
            "penstock \\- keep a verified second copy of disk images and block devices",
            ".SH SYNOPSIS", ".B penstock", ".I COMMAND", "[\\fIOPTIONS\\fR] ...", ".SH DESCRIPTION",
-           quote(top[0]), "The source's volumes are read, compared with the target's block by",
-           "block, and only what differs is sent, compressed and checked. A connection that is lost",
-           "is taken up again; a run that was interrupted goes on with the same command."]
-    for name, meaning in commands:
+           quote(top[0]), *map(quote, ABOUT)]
+    out += terms(section(top, "Options"))
+    for name, _ in commands:
         lines = help_of(program, name)
         usage = next(l for l in lines if l.startswith("Usage: ")).removeprefix("Usage: ")
-        out += [f".SH {name.upper()}", ".B " + quote(usage), ".PP", quote(lines[0])]
+        out += [".SH " + quote(name.upper()), ".B " + quote(usage), ".PP", quote(lines[0])]
         for title in ("Positionals", "Options"):
-            for option, text in section(lines, title):
-                out += [".TP", ".B " + quote(option), quote(text)]
+            out += terms(section(lines, title))
         for line in footer(lines):
             out += [".PP", quote(line)]
-    out += [".SH EXIT STATUS", quote(next(l for l in top if l.startswith("Exit codes: "))
-                                     .removeprefix("Exit codes: "))]
-    out += [".SH FILES", ".TP", ".I DST.penstock", "the state of replicate, unless told otherwise",
-            ".TP", ".I STATE/state.db, STATE/journal, STATE/quarantine",
-            "a target's state; datasets not yet in the volumes; journal files that were damaged"]
+    out += [".SH EXIT STATUS", *terms(exit_codes(top))]
+    files = [("DST.penstock", "the state of replicate, unless told otherwise"),
+             ("STATE/state.db, STATE/journal, STATE/quarantine",
+              "a target's state; datasets not yet in the volumes; journal files that were damaged")]
+    out += [".SH FILES", *terms(files, ".I")]
     print("\n".join(out))
 
 

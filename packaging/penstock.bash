@@ -1,31 +1,53 @@
-# bash completion for penstock(1). The options are asked of the program, so that they are never old.
+# bash completion for penstock(1). Subcommands and options are asked of the program, so that they
+# are never old.
+
+# The names in a section of a command's help, one a line: TITLE COMMAND...
+_penstock_listed() {
+  local title=$1
+  shift
+  "$@" --help 2>/dev/null | awk -v title="$title:" '
+    $0 == title { inside = 1; next }
+    !NF { inside = 0 }
+    inside && /^  [^ ]/ { gsub(",", "\n", $1); print $1 }'
+}
+
+# Words that begin with the second argument.
+_penstock_offer() {
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "$2")
+}
+
 _penstock() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local commands="replicate target sync verify status inspect keygen"
+  local program=${COMP_WORDS[0]} current=${COMP_WORDS[COMP_CWORD]}
+  local previous=${COMP_WORDS[COMP_CWORD - 1]} behind_equals='' kept=''
   COMPREPLY=()
   if [[ $COMP_CWORD -eq 1 ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
+    _penstock_offer "$(_penstock_listed Subcommands "$program")
+      $(_penstock_listed Options "$program")" "$current"
     return
+  fi
+  # NAME=VALUE is three words, or one where COMP_WORDBREAKS has no "=".
+  if [[ $current == '=' ]]; then
+    current='' behind_equals=1
+  elif [[ $previous == '=' ]]; then
+    previous=${COMP_WORDS[COMP_CWORD - 2]} behind_equals=1
+  elif [[ $current == *=* ]]; then
+    previous=${current%%=*} kept=${current%%=*}= current=${current#*=} behind_equals=1
   fi
   case $previous in
-    --compress) mapfile -t COMPREPLY < <(compgen -W "none lz4 zstd auto" -- "$current"); return ;;
-    --log-level)
-      mapfile -t COMPREPLY < <(compgen -W "trace debug info warning error" -- "$current")
-      return
+    --compress) _penstock_offer 'none lz4 zstd auto' "$current" ;;
+    --log-level) _penstock_offer 'trace debug info warning error' "$current" ;;
+    --log-format) _penstock_offer 'text json' "$current" ;;
+    --state | --tls-certs | --volumes) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+    --group | --identity | --jobs | --journal-quota | --limit-rate | --listen | --of | \
+      --retry-for | --tls-name | --to) ;;
+    *)
+      if [[ $current == -* && -z $behind_equals ]]; then
+        _penstock_offer "$(_penstock_listed Options "$program" "${COMP_WORDS[1]}")" "$current"
+      else
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      fi
       ;;
-    --log-format) mapfile -t COMPREPLY < <(compgen -W "text json" -- "$current"); return ;;
-    --to | --of | --listen | --group | --identity | --limit-rate | --jobs | --retry-for) return ;;
   esac
-  if [[ $current == -* ]]; then
-    local options
-    options=$("${COMP_WORDS[0]}" "${COMP_WORDS[1]}" --help 2>/dev/null |
-      grep -oE '(^|[ ,])--?[a-z][a-z-]*' | tr -d ' ,' | sort -u)
-    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
-    return
-  fi
-  mapfile -t COMPREPLY < <(compgen -f -- "${current#*=}")
-  if [[ $current == *=* ]]; then
-    COMPREPLY=("${COMPREPLY[@]/#/${current%%=*}=}")
-  fi
+  [[ -z $kept ]] || COMPREPLY=("${COMPREPLY[@]/#/$kept}")
 }
 complete -o filenames -F _penstock penstock

@@ -9,6 +9,7 @@
 #include "engine/work.h"
 #include "replicator/log.h"
 #include "replicator/runner_common.h"
+#include "replicator/slab_pool.h"
 #include "replicator/worker_pool.h"
 
 namespace penstock {
@@ -33,7 +34,7 @@ WindowFetched CantFetch(const FetchWindow& command, std::string fault) {
   return result;
 }
 
-WindowFetched FetchFrom(const VolumeFile& volume, const FetchWindow& command) {
+WindowFetched FetchFrom(const VolumeFile& volume, SlabPool& windows, const FetchWindow& command) {
   std::uint64_t data = 0;
   if (auto fault = volume.NextData(command.offset, data); !fault.empty()) {
     return CantFetch(command, std::move(fault));
@@ -46,8 +47,7 @@ WindowFetched FetchFrom(const VolumeFile& volume, const FetchWindow& command) {
     return fault.empty() ? CopyWindow(command, raw) : CantFetch(command, std::move(fault));
   }
   if (isHole) return FingerprintWindow(command, Zeros());
-  // Not zeroed before it is filled.
-  auto window = std::make_shared_for_overwrite<std::uint8_t[]>(command.length);
+  auto window = windows.Take();
   auto fault = volume.Read(command.offset, {window.get(), command.length});
   return fault.empty() ? FingerprintWindow(command, std::move(window))
                        : CantFetch(command, std::move(fault));
@@ -61,6 +61,7 @@ struct SourceRunner::Impl {
         options(std::move(theOptions)),
         engine(options.config),
         timer(theLoop),
+        windows(kWindowBytes, options.config.memory / kWindowBytes),
         pool(theLoop, options.jobs) {}
 
   void Settle();
@@ -104,6 +105,7 @@ struct SourceRunner::Impl {
   std::map<ConnId, std::unique_ptr<Connection>> leaving;
   std::uint64_t sentBefore = 0;  // by connections that are gone
   bool isSettling = false;
+  SlabPool windows;
   // Destroyed first: what runs on it uses the rest.
   WorkerPool pool;
 };
@@ -224,7 +226,9 @@ void SourceRunner::Impl::Do(Halt& command) { Log(Severity::kError, command.reaso
 // --- Work. ---
 
 void SourceRunner::Impl::Do(FetchWindow& command) {
-  Run([volume = options.volumes.at(command.volume), c = command] { return FetchFrom(*volume, c); });
+  Run([this, volume = options.volumes.at(command.volume), c = command] {
+    return FetchFrom(*volume, windows, c);
+  });
 }
 
 void SourceRunner::Impl::Do(PackRuns& command) {

@@ -9,67 +9,16 @@ that the source really had at that place, and after a sync that was left alone i
 usage: crash_test.py --penstock PROGRAM [--rounds N] [--seed S]
 """
 import argparse
-import hashlib
 import os
 import random
 import shutil
 import signal
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 
-BLOCK = 4096
-
-
-def make_block(volume, number, version):
-    """A block that says what it is; its filling depends on all of it."""
-    head = struct.pack("<8sQQ", volume.encode(), number, version)
-    filling = hashlib.sha256(head).digest()
-    body = head + filling * ((BLOCK - len(head) - 32) // 32)
-    body = body.ljust(BLOCK - 32, b".")
-    return body + hashlib.sha256(body).digest()
-
-
-class Volume:
-    def __init__(self, folder, name, blocks):
-        self.name = name
-        self.path = os.path.join(folder, name + ".img")
-        self.versions = [0] * blocks  # 0: zeros
-        self.oldest = [0] * blocks  # a copy may still hold any version from here on
-        with open(self.path, "wb") as file:
-            file.truncate(blocks * BLOCK)
-
-    def change(self, rng, count):
-        with open(self.path, "r+b") as file:
-            for _ in range(count):
-                number = rng.randrange(len(self.versions))
-                self.versions[number] += 1
-                file.seek(number * BLOCK)
-                file.write(make_block(self.name, number, self.versions[number]))
-
-    def check(self, copy, newest):
-        """Returns what is wrong with the copy, or None."""
-        if not os.path.exists(copy):
-            return "there is no copy" if newest else None
-        with open(copy, "rb") as file:
-            data = file.read()
-        if len(data) != len(self.versions) * BLOCK:
-            return f"{copy} has {len(data)} bytes" if newest or data else None
-        for number, version in enumerate(self.versions):
-            block = data[number * BLOCK : (number + 1) * BLOCK]
-            found = 0
-            if block.strip(b"\0"):
-                found = struct.unpack_from("<8sQQ", block)[2]
-                if found > version or block != make_block(self.name, number, found):
-                    return f"block {number} of {self.name} is none that the source ever had there"
-            if found < self.oldest[number] or (newest and found != version):
-                return (f"block {number} of {self.name} has version {found}; "
-                        f"{self.oldest[number]} to {version} are possible")
-        if newest:
-            self.oldest = list(self.versions)
-        return None
+from blocks import Volume
 
 
 class Rig:

@@ -13,7 +13,7 @@ import tempfile
 import time
 import unittest
 
-PROGRAM = os.environ["PENSTOCK"]
+PROGRAM = os.environ.get("PENSTOCK")
 SEED = int(os.environ.get("PENSTOCK_SEED") or time.time_ns() % 1_000_000)
 LIMIT = 60  # seconds; nothing here takes a tenth of it
 BLOCK = 4096
@@ -170,5 +170,7 @@ class Rig(unittest.TestCase):
 
 
 def main():
+    if not PROGRAM:
+        raise SystemExit("PENSTOCK must name the program")
     print(f"seed {SEED} (repeat with PENSTOCK_SEED={SEED})", flush=True)
     unittest.main(verbosity=1)

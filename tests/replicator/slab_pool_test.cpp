@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// Goal: pieces come back and are handed out again, no more are kept than was said, and a piece may
+// outlive its pool. Method: addresses and counts; two threads that take and give.
+#include "replicator/slab_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace penstock {
+namespace {
+
+constexpr std::size_t kBytes = 4096;
+
+TEST(SlabPool, APieceComesBackAndIsTakenAgain) {
+  SlabPool pool(kBytes, 4);
+  auto piece = pool.Take();
+  const auto* const first = piece.get();
+  std::memset(piece.get(), 7, kBytes);
+  EXPECT_EQ(pool.Kept(), 0U);
+  piece.reset();
+  EXPECT_EQ(pool.Kept(), 1U);
+  piece = pool.Take();
+  EXPECT_EQ(piece.get(), first);
+  EXPECT_EQ(piece[kBytes - 1], 7);
+}
+
+TEST(SlabPool, APieceIsUsedUntilItsLastOwnerIsGone) {
+  SlabPool pool(kBytes, 4);
+  auto piece = pool.Take();
+  std::shared_ptr<const std::uint8_t[]> other = piece;
+  piece.reset();
+  EXPECT_EQ(pool.Kept(), 0U);
+  EXPECT_NE(pool.Take().get(), other.get());
+  other.reset();
+  EXPECT_EQ(pool.Kept(), 2U);
+}
+
+TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
+  SlabPool pool(kBytes, 2);
+  std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
+  for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
+  pieces.clear();
+  EXPECT_EQ(pool.Kept(), 2U);
+}
+
+TEST(SlabPool, APieceMayOutliveItsPool) {
+  std::optional<SlabPool> pool(std::in_place, kBytes, 2U);
+  auto piece = pool->Take();
+  pool.reset();
+  std::memset(piece.get(), 1, kBytes);
+  piece.reset();
+}
+
+TEST(SlabPool, ThreadsShareIt) {
+  SlabPool pool(kBytes, 3);
+  const auto work = [&](std::uint8_t mark) {
+    for (int i = 0; i < 20'000; ++i) {
+      const auto piece = pool.Take();
+      std::memset(piece.get(), mark, kBytes);
+      EXPECT_EQ(piece[i % kBytes], mark) << "another thread has it, too";
+    }
+  };
+  std::thread other([&] { work(1); });
+  work(2);
+  other.join();
+  EXPECT_LE(pool.Kept(), 3U);
+}
+
+}  // namespace
+}  // namespace penstock
