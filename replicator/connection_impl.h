@@ -40,6 +40,13 @@ struct Connection::Impl : std::enable_shared_from_this<Connection::Impl> {
     kLingering,  // everything is sent: waits for the peer's end, so that it can read it all
     kClosed,     // no socket any more
   };
+  struct Queued {
+    Frame frame;
+    // Made when the frame's turn comes: a header holds the frame's number in its direction.
+    std::array<std::uint8_t, kFrameHeaderBytes> header{};
+    bool isNumbered = false;
+    std::size_t Size() const { return header.size() + frame.size; }
+  };
   using HandshakeDone = std::function<void(const std::string& fault)>;
 
   Impl(EventLoop& theLoop, Fd fd, std::unique_ptr<Stream> theStream,
@@ -50,6 +57,7 @@ struct Connection::Impl : std::enable_shared_from_this<Connection::Impl> {
   void BeginHandshake(HandshakeDone done);
   void Start(Callbacks theCallbacks);
   void Send(Frame frame);
+  void SetWriteSeed(std::uint64_t seed);
   void Resume();
   void SetRateLimit(std::uint64_t bytesPerSecond);
   void Close();
@@ -69,6 +77,7 @@ struct Connection::Impl : std::enable_shared_from_this<Connection::Impl> {
   void WaitToWrite();
   void FlushQueue();
   bool WriteOnce();
+  void Number(Queued& queued);
   std::size_t FillPieces(std::size_t most);
   void PopWritten(std::size_t count);
   void WhenAllIsSent();
@@ -104,11 +113,6 @@ struct Connection::Impl : std::enable_shared_from_this<Connection::Impl> {
   bool hasFrame = false;   // there was one
   std::uint64_t received = 0;
 
-  struct Queued {
-    std::array<std::uint8_t, kFrameHeaderBytes> header;
-    Frame frame;
-    std::size_t Size() const { return header.size() + frame.size; }
-  };
   FrameWriter writer;
   std::deque<Queued> queue;
   std::size_t frontWritten = 0;  // bytes of the first one

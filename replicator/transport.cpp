@@ -194,7 +194,7 @@ void Connection::ResumeReading() { m_impl->Resume(); }
 
 void Connection::SetSeeds(std::uint64_t readSeed, std::uint64_t writeSeed) {
   m_impl->reader.SetSeed(readSeed);
-  m_impl->writer.SetSeed(writeSeed);
+  m_impl->SetWriteSeed(writeSeed);
 }
 
 void Connection::AllowAll() { m_impl->reader.AllowAll(); }

@@ -66,7 +66,8 @@ class Connection {
   void Start(Callbacks callbacks);
 
   // Queues a frame: it is sent in the order of the calls, with as many others as there are at a
-  // time; its payload is not copied (but encrypted, with TLS). After the end it is dropped.
+  // time; PING, PONG and PROGRESS pass what waits. Its payload is not copied (but encrypted, with
+  // TLS). After the end it is dropped.
   void Send(Frame frame);
   // Of frames that were queued and that the system has not taken yet, headers included.
   std::size_t BytesQueued() const;

@@ -129,13 +129,40 @@ void Connection::Impl::Discard() {
 
 // --- Writing ---
 
+namespace {
+
+// Those that mean the same wherever they come: they pass what is queued before them, which may be
+// a quarter of a minute on a slow link.
+bool IsUrgent(FrameType type) {
+  return type == FrameType::kPing || type == FrameType::kPong || type == FrameType::kProgress;
+}
+
+}  // namespace
+
 void Connection::Impl::Send(Frame frame) {
   if (state == State::kClosed || state == State::kFlushing || state == State::kLingering) return;
-  Queued queued{writer.Header(frame), std::move(frame)};
+  Queued queued{.frame = std::move(frame)};
   queuedBytes += queued.Size();
-  queue.push_back(std::move(queued));
+  auto place = queue.end();
+  if (IsUrgent(queued.frame.type)) {
+    place = std::find_if(queue.begin(), queue.end(),
+                         [](const Queued& q) { return !q.isNumbered && !IsUrgent(q.frame.type); });
+  }
+  queue.insert(place, std::move(queued));
   if (queuedBytes >= options.lowWaterBytes) wasAboveLowWater = true;
   if (state == State::kStarted) FlushSoon();
+}
+
+// What was queued before is still under the seed of that time.
+void Connection::Impl::SetWriteSeed(std::uint64_t seed) {
+  for (auto& queued : queue) Number(queued);
+  writer.SetSeed(seed);
+}
+
+void Connection::Impl::Number(Queued& queued) {
+  if (queued.isNumbered) return;
+  queued.header = writer.Header(queued.frame);
+  queued.isNumbered = true;
 }
 
 // Not now: what else is queued in this turn of the loop goes with it.
@@ -219,8 +246,9 @@ std::size_t Connection::Impl::FillPieces(std::size_t most) {
     pieces[pieceCount++] = {const_cast<std::uint8_t*>(data) + from, count};
     total += count;
   };
-  for (const auto& queued : queue) {
+  for (auto& queued : queue) {
     if (total == most || pieceCount + 2 > kMaxPieces) break;
+    Number(queued);
     add(queued.header.data(), queued.header.size());
     add(queued.frame.payload.get(), queued.frame.size);
   }

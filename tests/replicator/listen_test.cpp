@@ -158,7 +158,7 @@ TEST_F(Listening, ConnectionsOutliveTheirListener) {
   ConnectPlain();
   m_listener = nullptr;
   StartBoth();
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   EXPECT_TRUE(TargetHas(1));
 }
 

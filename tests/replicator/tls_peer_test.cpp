@@ -100,7 +100,7 @@ TEST_F(Tls, APlaintextPeerIsToldFromATlsOne) {
   m_waitsForTarget = false;
   ASSERT_EQ(Connect(listen, PlainConnect()), "");
   m_source.Start(m_runner);
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   ASSERT_TRUE(m_runner.Until([&] { return !m_refused.empty() && !m_source.closed.empty(); }));
   EXPECT_EQ(m_refused, "TLS: the peer doesn't speak TLS");
 }

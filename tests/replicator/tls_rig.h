@@ -86,8 +86,8 @@ class Tls : public Connections {
       return "source: " + said + " target: " + m_refused;
     }
     StartBoth();
-    m_source.connection->Send(PingFrame(1));
-    m_target.connection->Send(PingFrame(2));
+    m_source.connection->Send(SmallFrame(1));
+    m_target.connection->Send(SmallFrame(2));
     m_runner.Until([&] { return !m_source.frames.empty() && !m_target.frames.empty(); });
     return m_source.closed + m_target.closed;
   }

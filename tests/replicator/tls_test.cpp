@@ -33,7 +33,7 @@ TEST_F(Tls, LargeFramesTravelAndKeepTheirOrder) {
   ASSERT_EQ(Talk(Server(m_ca), Client(m_ca)), "");
   for (std::uint8_t i = 0; i < 40; ++i) {
     m_source.connection->Send(BlockFrame(i, 1 + 27'011U * (i % 38U)));
-    m_source.connection->Send(PingFrame(i));
+    m_source.connection->Send(SmallFrame(i));
   }
   m_source.connection->Close();
   ASSERT_TRUE(m_runner.Until([&] { return !m_target.closed.empty(); }));
@@ -46,8 +46,8 @@ TEST_F(Tls, KeysAreRenewedOnTheWay) {
   ASSERT_EQ(Talk(Server(m_ca), Client(m_ca)), "");
   for (int i = 0; i < 3; ++i) {
     SSL_key_update(SourceSsl(), SSL_KEY_UPDATE_REQUESTED);
-    m_source.connection->Send(PingFrame(5));
-    m_target.connection->Send(PingFrame(6));
+    m_source.connection->Send(SmallFrame(5));
+    m_target.connection->Send(SmallFrame(6));
   }
   EXPECT_TRUE(
       m_runner.Until([&] { return m_source.frames.size() == 4 && m_target.frames.size() == 4; }));

@@ -72,10 +72,10 @@ class Transport : public Connections {
 TEST_F(Transport, FramesTravelBothWays) {
   ConnectPlain();
   StartBoth();
-  m_source.connection->Send(PingFrame(7));
+  m_source.connection->Send(SmallFrame(7));
   ASSERT_TRUE(TargetHas(1));
   EXPECT_EQ(m_target.Token(0), 7U);
-  m_target.connection->Send(PingFrame(8));
+  m_target.connection->Send(SmallFrame(8));
   ASSERT_TRUE(m_runner.Until([&] { return m_source.frames.size() == 1; }));
   EXPECT_EQ(m_source.Token(0), 8U);
 }
@@ -91,7 +91,7 @@ TEST_F(Transport, ManyFramesOfAllSizesKeepTheirOrder) {
     const bool isBlock = random() % 2 == 0;
     const std::uint32_t most = random() % 4 == 0 ? kMiB : 5000;
     const auto size = std::uniform_int_distribution<std::uint32_t>(1, most)(random);
-    sent.push_back(isBlock ? BlockFrame(static_cast<std::uint8_t>(i), size) : PingFrame(random()));
+    sent.push_back(isBlock ? BlockFrame(static_cast<std::uint8_t>(i), size) : SmallFrame(random()));
     m_source.connection->Send(sent.back());
     if (random() % 20 == 0) m_runner.Settle(1);
   }
@@ -106,8 +106,34 @@ TEST_F(Transport, ManyFramesOfAllSizesKeepTheirOrder) {
   EXPECT_EQ(m_source.connection->BytesSent(), m_target.connection->BytesReceived());
 }
 
+TEST_F(Transport, UrgentFramesPassWhatWaitsAndKeepTheirOrder) {
+  ConnectPlain();
+  StartBoth();
+  m_source.connection->Send(BlockFrame(1, kMiB));
+  m_source.connection->Send(Encode(FrameType::kPing, Ping{1}));
+  m_source.connection->Send(SmallFrame(2));
+  m_source.connection->Send(Encode(FrameType::kPong, Ping{2}));
+  m_source.connection->Send(Encode(Progress{}));
+  ASSERT_TRUE(TargetHas(5));
+  const FrameType expected[] = {FrameType::kPing, FrameType::kPong, FrameType::kProgress,
+                                FrameType::kBlock, FrameType::kDone};
+  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(m_target.frames[i].type, expected[i]) << i;
+}
+
+TEST_F(Transport, WhatWaitsKeepsTheSeedOfItsTime) {
+  Pair();
+  StartBoth();
+  m_target.onFrame = [&] { m_target.connection->SetSeeds(5, 0); };
+  m_source.connection->Send(SmallFrame(1));
+  m_source.connection->SetSeeds(0, 5);
+  m_source.connection->Send(Encode(FrameType::kPing, Ping{1}));
+  ASSERT_TRUE(TargetHas(2));
+  EXPECT_EQ(m_target.frames[0].type, FrameType::kDone) << "a seed is not passed";
+}
+
 TEST_F(Transport, EveryCutOfTheBytesGivesTheSameFrames) {
-  const auto bytes = BytesOf({PingFrame(1), BlockFrame(2, 100), EncodeStatusQuery(), PingFrame(3)});
+  const auto bytes =
+      BytesOf({SmallFrame(1), BlockFrame(2, 100), EncodeStatusQuery(), SmallFrame(3)});
   for (std::size_t cut = 1; cut < bytes.size(); ++cut) {
     m_target = End{};
     Bare();
@@ -131,7 +157,7 @@ TEST_F(Transport, PayloadsAreNotCopiedWhenTheyAreQueued) {
 
 TEST_F(Transport, WhatIsSentBeforeTheStartIsSentAfterIt) {
   Pair();
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   StartBoth();
   EXPECT_TRUE(TargetHas(1));
 }
@@ -148,18 +174,18 @@ TEST_F(Transport, OnlyGreetingsPassUntilAllIsAllowed) {
     closed = reason;
     m_runner.Poke();
   }});
-  WriteBare(BytesOf({PingFrame(1)}));
+  WriteBare(BytesOf({SmallFrame(1)}));
   EXPECT_TRUE(m_runner.Until([&] { return !closed.empty(); }));
-  EXPECT_THAT(closed, HasSubstr("PING"));
+  EXPECT_THAT(closed, HasSubstr("DONE"));
 }
 
 TEST_F(Transport, SeedsHoldForTheFramesAfterThem) {
   Pair();
   StartBoth();
   m_target.onFrame = [&] { m_target.connection->SetSeeds(5, 0); };
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   m_source.connection->SetSeeds(0, 5);
-  m_source.connection->Send(PingFrame(2));
+  m_source.connection->Send(SmallFrame(2));
   EXPECT_TRUE(TargetHas(2));
 }
 
@@ -167,13 +193,13 @@ TEST_F(Transport, AFrameOfAnotherSeedEndsTheConnection) {
   Pair();
   StartBoth();
   m_source.connection->SetSeeds(0, 5);
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   EXPECT_NE(TargetsEnd(), "the peer closed the connection");
   EXPECT_TRUE(m_target.frames.empty());
 }
 
 TEST_F(Transport, EveryFlippedBitOfAFrameEndsTheConnection) {
-  const auto bytes = BytesOf({PingFrame(1)});
+  const auto bytes = BytesOf({SmallFrame(1)});
   for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
     m_target = End{};
     Bare();
@@ -191,7 +217,7 @@ TEST_F(Transport, APauseHoldsFramesBackInTheMiddleOfMany) {
   m_target.onFrame = [&] {
     if (m_target.frames.size() == 2) m_target.connection->PauseReading();
   };
-  WriteBare(BytesOf({PingFrame(1), PingFrame(2), PingFrame(3), PingFrame(4)}));
+  WriteBare(BytesOf({SmallFrame(1), SmallFrame(2), SmallFrame(3), SmallFrame(4)}));
   ASSERT_TRUE(TargetHas(2));
   m_runner.Settle();
   EXPECT_EQ(m_target.frames.size(), 2U);
@@ -218,7 +244,7 @@ TEST_F(Transport, APauseHoldsThePeerUp) {
 TEST_F(Transport, DrainedIsToldOnceACrossing) {
   Pair({.lowWaterBytes = 1000});
   StartBoth();
-  m_source.connection->Send(PingFrame(1));
+  m_source.connection->Send(SmallFrame(1));
   ASSERT_TRUE(TargetHas(1));
   EXPECT_EQ(m_source.drained, 0);
   m_source.connection->Send(BlockFrame(1, 5000));
@@ -253,7 +279,7 @@ TEST_F(Transport, CloseSendsWhatIsQueued) {
   StartBoth(false);
   for (int i = 0; i < 20; ++i) m_source.connection->Send(BlockFrame(1, kMiB));
   m_source.connection->Close();
-  m_source.connection->Send(PingFrame(1));  // too late
+  m_source.connection->Send(SmallFrame(1));  // too late
   EXPECT_EQ(TargetsEnd(), "the peer closed the connection");
   EXPECT_EQ(m_target.frames.size(), 20U);
   EXPECT_TRUE(m_runner.Until([&] { return !m_source.closed.empty(); }));
@@ -334,7 +360,7 @@ TEST_F(Transport, AnAbortBeforeTheStartIsToldAfterIt) {
 
 TEST_F(Transport, AnEndWithinAFrameIsTold) {
   Bare();
-  WriteBare(BytesOf({PingFrame(1)}).substr(0, 30));
+  WriteBare(BytesOf({SmallFrame(1)}).substr(0, 30));
   m_runner.Settle();
   m_bare.Reset();
   EXPECT_EQ(TargetsEnd(), "the peer closed the connection within a frame");
@@ -343,7 +369,7 @@ TEST_F(Transport, AnEndWithinAFrameIsTold) {
 TEST_F(Transport, AConnectionMayBeDestroyedInItsCallbacks) {
   Bare();
   m_target.onFrame = [&] { m_target.connection = nullptr; };
-  WriteBare(BytesOf({PingFrame(1), PingFrame(2)}));
+  WriteBare(BytesOf({SmallFrame(1), SmallFrame(2)}));
   ASSERT_TRUE(TargetHas(1));
   m_runner.Settle();
   EXPECT_EQ(m_target.frames.size(), 1U);
@@ -366,25 +392,25 @@ TEST_F(Transport, APeerThatSaysNothingIsDropped) {
 
 TEST_F(Transport, TheFirstFrameMustBeWholeInTime) {
   Bare({.firstFrameTimeoutMs = 40});
-  WriteBare(BytesOf({PingFrame(1)}).substr(0, 30));
+  WriteBare(BytesOf({SmallFrame(1)}).substr(0, 30));
   EXPECT_EQ(TargetsEnd(), "timeout: no frame came for 40 ms");
 }
 
 TEST_F(Transport, AFrameThatStopsInTheMiddleIsDropped) {
   Bare({.progressTimeoutMs = 40});
-  WriteBare(BytesOf({PingFrame(1), PingFrame(2)}).substr(0, 40));
+  WriteBare(BytesOf({SmallFrame(1), SmallFrame(2)}).substr(0, 80));
   EXPECT_EQ(TargetsEnd(), "timeout: nothing came within a frame for 40 ms");
   EXPECT_EQ(m_target.frames.size(), 1U);
 }
 
 TEST_F(Transport, SilenceBetweenFramesIsDroppedOnlyWhenAsked) {
   Bare({.firstFrameTimeoutMs = 20, .progressTimeoutMs = 20});
-  WriteBare(BytesOf({PingFrame(1)}));
+  WriteBare(BytesOf({SmallFrame(1)}));
   m_runner.Settle(80);
   EXPECT_EQ(m_target.closed, "");
   m_target = End{};
   Bare({.idleTimeoutMs = 40});
-  WriteBare(BytesOf({PingFrame(1)}));
+  WriteBare(BytesOf({SmallFrame(1)}));
   EXPECT_EQ(TargetsEnd(), "timeout: nothing came for 40 ms");
 }
 
