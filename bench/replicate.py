@@ -28,10 +28,11 @@ from run import machine
 
 SECTIONS = {"first": Copies.first, "compressed": Copies.compressed, "tls": Copies.tls,
             "update": Copies.update, "memory": Scale.memory, "growth": Scale.growth,
-            "volumes": Scale.volumes, "disk": Scale.disk, "links": Scale.links}
+            "volumes": Scale.volumes, "commit": Scale.commit, "disk": Scale.disk,
+            "links": Scale.links}
 VERSIONS = {"penstock": "--version", "rsync": "--version", "nbdkit": "--version",
             "nbdcopy": "--version", "qemu-img": "--version", "mke2fs": "-V"}
-ON_THE_IMAGE = set(SECTIONS) - {"links"}
+ON_THE_IMAGE = set(SECTIONS) - {"links", "commit"}
 
 
 class Bench:

@@ -264,7 +264,7 @@ class FloorUpdate(Peer):
 def find_programs(build):
     """Everything that is there, by name. Ends when the build lacks what is measured."""
     programs = {"penstock": os.path.join(build, "replicator", "penstock")}
-    for name in ("floor_copy", "floor_update", "shaped_relay"):
+    for name in ("floor_copy", "floor_update", "shaped_relay", "commit"):
         programs[name] = os.path.join(build, "bench", "penstock_" + name)
     for path in programs.values():
         if not os.access(path, os.X_OK):

@@ -1,6 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Memory, growth, disks and slow links: sections of bench/replicate.py with images of their own."""
+"""Memory, growth, small datasets, disks and slow links: sections of bench/replicate.py with images
+of their own.
+"""
 
+import json
 import os
 
 from replicate_copies import WHOLE, rounds
@@ -12,6 +15,8 @@ from replicate_rig import (GIB, MIB, change_blocks, copy_file, demand_room, make
 MEMORY_GOAL = 300 * MIB
 LARGE = 8 * GIB
 GROWTH_GOAL = 1.15
+COMMIT_GOAL = 4
+COMMITS = 1000
 GROWTH = (1, 4, 16)  # GiB
 VOLUMES = (1, 8, 64)
 CHANGED = 0.01
@@ -142,6 +147,27 @@ class Scale:
             shown = report.goal(f"growth with {section}, {what}", max(each) / each[0], GROWTH_GOAL)
             print(f"| {what} | " + " | ".join(f"{value:.2f}" for value in each)
                   + f" | {shown} | {GROWTH_GOAL} |", flush=True)
+
+    # --- Small datasets. ---
+
+    def commit(self):
+        """From END to ACK, beside a durable file of the same bytes."""
+        rig = self.bench.rig
+        folder = rig.folder(self.bench.disk)
+        target, address = self.make(Penstock, Place(folder, False)).start_target(folder)
+        _, out, _ = rig.run([self.bench.programs["commit"], address, f"{folder}/files", COMMITS])
+        rig.stop(target)
+        rig.remove(folder)
+        row = json.loads(out)
+        self.bench.report.raw["commit"] = row
+        shown = self.bench.report.goal("END to ACK over a durable file",
+                                       row["dataset_us"] / row["file_us"], COMMIT_GOAL)
+        print(f"\n## Small datasets, {row['datasets']} of one block of 4 KiB, one at a time\n")
+        print("| | median, us | ratio | goal |\n|---|---|---|---|")
+        print(f"| from END to ACK: durable at the target | {row['dataset_us']:.0f} | {shown} |"
+              f" {COMMIT_GOAL} |")
+        print(f"| a new file of these bytes, its fsync, and its folder's | {row['file_us']:.0f} |"
+              " | |", flush=True)
 
     # --- Other places and links. ---
 

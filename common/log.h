@@ -10,7 +10,9 @@
 #include <ios>
 #include <locale>
 #include <optional>
+#include <ostream>
 #include <sstream>
+#include <streambuf>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -105,6 +107,41 @@ inline const void* Address(const void* object) { return object; }
 // A flag as a word, as a piece.
 inline const char* Word(bool flag) { return flag ? "true" : "false"; }
 
+// Where pieces go that nobody reads: a stream that takes everything and keeps nothing. To make one
+// for each record would cost more than all that the library does besides, so a thread has one.
+class UnreadStream {
+ public:
+  // In the state of a new stream. Null when the thread is so near its end that it is gone.
+  static std::ostream* Take() {
+    if (s_isGone) return nullptr;
+    static thread_local UnreadStream own;
+    std::ostream& out = own.m_out;
+    out.exceptions(std::ios_base::goodbit);
+    out.clear();
+    out.flags(std::ios_base::skipws | std::ios_base::dec);
+    out.width(0);
+    out.precision(6);
+    out.fill(' ');
+    return &out;
+  }
+  UnreadStream(const UnreadStream&) = delete;
+  UnreadStream& operator=(const UnreadStream&) = delete;
+
+ private:
+  class Buffer : public std::streambuf {
+   protected:
+    int_type overflow(int_type c) override { return traits_type::not_eof(c); }
+    std::streamsize xsputn(const char*, std::streamsize count) override { return count; }
+  };
+
+  UnreadStream() : m_out(&m_buffer) {}
+  ~UnreadStream() { s_isGone = true; }
+
+  static inline thread_local bool s_isGone = false;
+  Buffer m_buffer;
+  std::ostream m_out;
+};
+
 // A piece that does nothing but write its text: left out of a record that is not emitted.
 template <class T>
 concept LogText = std::same_as<T, bool> || LogInteger<T> || std::same_as<T, const void*> ||
@@ -112,8 +149,7 @@ concept LogText = std::same_as<T, bool> || LogInteger<T> || std::same_as<T, cons
 
 // One statement: a record when its level reaches the threshold as the statement begins, and
 // otherwise nothing but the pieces' own stream operators, which are called in any case, because
-// some are the host's. Most records are below the threshold; making a stream for each would cost
-// more than all that the library does besides.
+// some are the host's. Most records are below the threshold.
 class LogStatement {
  public:
   LogStatement(int level, std::string&& prefix, std::uint64_t requestId, std::string_view label,
@@ -127,15 +163,15 @@ class LogStatement {
     if (m_record) {
       LogPieces(std::move(*m_record)) << piece;
     } else if constexpr (!LogText<T>) {
-      if (!m_unread) m_unread.emplace();
-      LogPieces(std::move(*m_unread)) << piece;
+      if (m_unread == nullptr) m_unread = UnreadStream::Take();
+      if (m_unread != nullptr) *m_unread << piece;
     }
     return *this;
   }
 
  private:
   std::optional<LogProxy> m_record;
-  std::optional<std::ostringstream> m_unread;
+  std::ostream* m_unread = nullptr;
 };
 
 // Writes one record at `level` under the name `label`. The request id is fetched before the prefix.

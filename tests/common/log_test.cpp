@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <iomanip>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -146,6 +147,59 @@ TEST_F(LogRecords, CallsAPiecesOwnOperatorBelowTheThreshold) {
   PENSTOCK_LOG(LOG_INFO, "x" << Counted{streamed} << 1 << std::hex << Counted{streamed});
   EXPECT_EQ(streamed, 2);
   EXPECT_EQ(Written(), Lines{});
+}
+
+// A piece that leaves its stream in a state of its own.
+struct Untidy {
+  friend std::ostream& operator<<(std::ostream& out, const Untidy&) {
+    out << std::hex << std::setfill('x') << std::setprecision(2) << std::setw(9);
+    out.exceptions(std::ios_base::failbit);
+    return out;
+  }
+};
+
+// A piece that tells the state of the stream that it comes to.
+struct Curious {
+  std::string& seen;
+  friend std::ostream& operator<<(std::ostream& out, const Curious& curious) {
+    std::ostringstream state;
+    state << out.good() << ' ' << (out.flags() == std::ostringstream().flags()) << ' '
+          << out.width() << ' ' << out.precision() << ' ' << out.fill() << ' ' << out.exceptions();
+    curious.seen = state.str();
+    return out << "any text" << 5 << 'c';
+  }
+};
+
+TEST_F(LogRecords, EachStreamsItsPiecesIntoAFreshStreamBelowTheThreshold) {
+  CLogger::GetInstance().SetLevel(LOG_ERROR);
+  std::string first;
+  std::string second;
+  PENSTOCK_LOG(LOG_INFO, Curious{first});
+  PENSTOCK_LOG(LOG_INFO, Untidy{});
+  PENSTOCK_LOG(LOG_INFO, Curious{second});
+  EXPECT_EQ(first, "1 1 0 6   0");
+  EXPECT_EQ(second, first);
+}
+
+// Streams at the end of its thread, when the library's own stream of that thread is gone.
+struct LateSpeaker {
+  ~LateSpeaker() {
+    int streamed = 0;
+    PENSTOCK_LOG(LOG_INFO, "x" << Counted{streamed});
+    PENSTOCK_LOG(LOG_ERROR, "late " << Counted{streamed});
+  }
+};
+
+TEST_F(LogRecords, MayBeWrittenWhileAThreadEnds) {
+  CLogger::GetInstance().SetLevel(LOG_ERROR);
+  std::thread([] {
+    static thread_local LateSpeaker speaker;  // made before the stream, so gone after it
+    (void)&speaker;
+    int streamed = 0;
+    PENSTOCK_LOG(LOG_INFO, Counted{streamed});
+    EXPECT_EQ(streamed, 1);
+  }).join();
+  EXPECT_EQ(TheText(), "late counted");
 }
 
 TEST_F(LogRecords, IsDecidedByTheThresholdAtItsBeginning) {

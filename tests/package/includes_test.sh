@@ -33,7 +33,7 @@ allow host 'penstock/|host/'
 allow codec 'penstock/|codec/'
 allow engine 'penstock/|codec/|engine/'
 allow replicator 'penstock/|codec/|engine/|replicator/'
-allow bench 'penstock/|bench/|codec/'
+allow bench 'penstock/|bench/|codec/|engine/|replicator/'
 allow examples 'penstock/|examples/|minimal_host/'
 
 stray=$(find tests -name '*_test.cpp' | grep -vE \
