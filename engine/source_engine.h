@@ -38,6 +38,9 @@ struct SourceConfig {
   std::uint64_t memory = 96U << 20U;        // at least twice resyncBytes
   std::uint64_t datasetBytes = 64U << 20U;  // of one normal dataset
   std::uint32_t fetchJobs = 6;              // windows being read at a time
+  // Windows that are read and not settled: enough for the answers' way, and few enough to stay in
+  // the processor's caches.
+  std::uint32_t windowsInHand = 24;
 
   // Timeouts, milliseconds.
   Millis greetTimeout = 10'000;
@@ -270,6 +273,7 @@ class SourceEngine {
   std::map<std::uint64_t, ResyncRange> m_resyncRange;
   std::uint64_t m_reserved = 0;
   std::uint32_t m_fetching = 0;
+  std::uint32_t m_inHand = 0;  // windows from their fetching until they are settled
 
   std::uint64_t m_lastTicket = 0;
   std::map<Ticket, SourceJob> m_jobs;

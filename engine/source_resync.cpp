@@ -139,11 +139,13 @@ void SourceEngine::StepFetch() {
     m_refetch.pop_front();
     if (const auto work = m_resyncs.find(n); work != m_resyncs.end()) Fetch(*work->second, window);
   }
+  // Those above are not held up: others that are in hand may wait for them.
+  const auto isFull = [this] {
+    return m_fetching >= m_config.fetchJobs || m_inHand >= m_config.windowsInHand;
+  };
   for (auto& [n, work] : m_resyncs) {
-    while (m_fetching < m_config.fetchJobs && work->toFetch < work->windows.size()) {
-      Fetch(*work, work->toFetch++);
-    }
-    if (m_fetching >= m_config.fetchJobs) return;
+    while (!isFull() && work->toFetch < work->windows.size()) Fetch(*work, work->toFetch++);
+    if (isFull()) return;
   }
 }
 
@@ -151,6 +153,7 @@ void SourceEngine::Fetch(ResyncWork& work, std::size_t index) {
   SourceWindow& window = work.windows[index];
   window.stage = WindowStage::kFetching;
   ++m_fetching;
+  ++m_inHand;
   const Ticket ticket = ++m_lastTicket;
   m_jobs[ticket] = {work.n, index, m_connCount};
   m_commands.emplace_back(FetchWindow{ticket, work.volume, window.offset, window.length, !work.copy,
@@ -177,6 +180,7 @@ void SourceEngine::Completed(WindowFetched&& result, const Moment& now) {
     TakeCopied(work, window, std::move(result));
   } else if (generation != m_connCount) {
     window.stage = WindowStage::kToFetch;  // fingerprinted for a connection that is gone
+    --m_inHand;
     m_refetch.emplace_back(n, index);
   } else {
     window.stage = WindowStage::kFetched;
@@ -237,6 +241,7 @@ void SourceEngine::AskAgain() {
       SourceWindow& window = work->windows[i];
       if (window.stage != WindowStage::kFetched && window.stage != WindowStage::kQueried) continue;
       window.stage = WindowStage::kToFetch;
+      --m_inHand;
       window.data.reset();
       m_refetch.emplace_back(n, i);
     }
@@ -376,6 +381,7 @@ void SourceEngine::FinalizeKept(ResyncWork& work, SourceWindow& window, const Bl
 // Ends `work` with its last window.
 void SourceEngine::WindowSettled(ResyncWork& work, SourceWindow& window) {
   window.stage = WindowStage::kSettled;
+  --m_inHand;
   window.data.reset();
   window.fingerprints = {};
   window.answer = {};

@@ -191,6 +191,34 @@ TEST_F(SourcePass, OnlySoManyWindowsAreReadAtATime) {
   EXPECT_EQ(CountOf(RunAll(), "QUERY"), 3U);
 }
 
+TEST_F(SourcePass, OnlySoManyWindowsAreInHand) {
+  m_config.volumes[0].size = 4 * kMiB;
+  m_config.windowsInHand = 2;
+  Online();
+  EXPECT_EQ(Jobs<FetchWindow>(), 2U);
+  Do<FetchWindow>();
+  Do<FetchWindow>();
+  EXPECT_EQ(Jobs<FetchWindow>(), 0U) << "both wait for their answers";
+  RunAll();
+  EXPECT_EQ(Status().comparedBytes, 4 * kMiB);
+}
+
+TEST_F(SourcePass, WindowsThatAreAskedAgainCountOnce) {
+  m_config.volumes[0].size = 4 * kMiB;
+  m_config.windowsInHand = 2;
+  Online();
+  Do<FetchWindow>();
+  Do<FetchWindow>();
+  m_engine->ConnClosed(m_conn, "reset", m_now);
+  m_queries.clear();
+  Wait(m_config.backoffMax);
+  Connected();
+  Welcome();
+  EXPECT_EQ(Jobs<FetchWindow>(), 2U);
+  RunAll();
+  EXPECT_EQ(Status().comparedBytes, 4 * kMiB);
+}
+
 // --- Copying to new volumes. ---
 
 TEST_F(SourcePass, ANewVolumeIsCopiedWithoutAQuestion) {
