@@ -25,6 +25,13 @@ if(PENSTOCK_COVERAGE)
   target_link_options(penstock_coverage INTERFACE --coverage)
 endif()
 
+# Several files as one: their headers are most of what compiling, and checking, the program costs.
+option(PENSTOCK_UNITY "Compile the program and its tests several files at a time" OFF)
+function(penstock_in_batches)
+  set_target_properties(${ARGN} PROPERTIES
+    UNITY_BUILD ${PENSTOCK_UNITY} UNITY_BUILD_BATCH_SIZE 8)
+endfunction()
+
 # One module of the library: an object library of position-independent code with hidden symbols.
 function(penstock_module name)
   add_library(penstock_${name} OBJECT ${ARGN})

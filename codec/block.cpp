@@ -15,13 +15,13 @@ namespace penstock {
 
 namespace {
 
-struct FreeContext {
+struct FreeCompressor {
   void operator()(ZSTD_CCtx* context) const { ZSTD_freeCCtx(context); }
 };
 
 // Compressing contexts are large and slow to make: one for each thread.
-ZSTD_CCtx* ZstdContext() {
-  thread_local std::unique_ptr<ZSTD_CCtx, FreeContext> context;
+ZSTD_CCtx* ZstdCompressor() {
+  thread_local std::unique_ptr<ZSTD_CCtx, FreeCompressor> context;
   if (!context) context.reset(ZSTD_createCCtx());
   if (!context) throw std::bad_alloc();
   return context.get();
@@ -41,7 +41,7 @@ std::size_t CompressLz4(Bytes data, std::span<std::uint8_t> out) {
 
 std::size_t CompressZstd(Bytes data, int level, std::span<std::uint8_t> out) {
   const std::size_t size =
-      ZSTD_compressCCtx(ZstdContext(), out.data(), out.size(), data.data(), data.size(), level);
+      ZSTD_compressCCtx(ZstdCompressor(), out.data(), out.size(), data.data(), data.size(), level);
   return ZSTD_isError(size) != 0 ? 0 : size;
 }
 

@@ -62,12 +62,12 @@ bool DecompressLz4(Bytes data, std::vector<std::uint8_t>& space) {
   return size >= 0 && static_cast<std::size_t>(size) == space.size();
 }
 
-struct FreeContext {
+struct FreeDecompressor {
   void operator()(ZSTD_DCtx* context) const { ZSTD_freeDCtx(context); }
 };
 
-ZSTD_DCtx* ZstdContext() {
-  thread_local std::unique_ptr<ZSTD_DCtx, FreeContext> context;
+ZSTD_DCtx* ZstdDecompressor() {
+  thread_local std::unique_ptr<ZSTD_DCtx, FreeDecompressor> context;
   if (!context) context.reset(ZSTD_createDCtx());
   if (!context) throw std::bad_alloc();
   return context.get();
@@ -87,7 +87,7 @@ bool IsOneZstdFrame(Bytes data, std::size_t rawLength) {
 // whatever the frame asks for.
 bool DecompressZstd(Bytes data, std::vector<std::uint8_t>& space) {
   if (!IsOneZstdFrame(data, space.size())) return false;
-  return ZSTD_decompressDCtx(ZstdContext(), space.data(), space.size(), data.data(), data.size()) ==
+  return ZSTD_decompressDCtx(ZstdDecompressor(), space.data(), space.size(), data.data(), data.size()) ==
          space.size();
 }
 

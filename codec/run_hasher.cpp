@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kTagBytes = 16;
 
-struct FreeContext {
+struct FreeCipher {
   void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
 };
 
@@ -34,7 +34,7 @@ Nonce MakeNonce(std::uint64_t dataset, std::uint32_t firstBlock) {
 }  // namespace
 
 struct RunHasher::State {
-  std::unique_ptr<EVP_CIPHER_CTX, FreeContext> context;
+  std::unique_ptr<EVP_CIPHER_CTX, FreeCipher> context;
 };
 
 // The key's schedule is made once; a run only sets its nonce.

@@ -10,7 +10,7 @@ namespace penstock {
 
 namespace {
 
-struct FreeContext {
+struct FreeDigest {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
@@ -21,7 +21,7 @@ void Require(int result) {
 }  // namespace
 
 struct Sha256::State {
-  std::unique_ptr<EVP_MD_CTX, FreeContext> context;
+  std::unique_ptr<EVP_MD_CTX, FreeDigest> context;
 };
 
 Sha256::Sha256() : m_state(std::make_unique<State>()) {

@@ -22,7 +22,7 @@ std::uint8_t BitOf(Right right) {
   return static_cast<std::uint8_t>(1U << static_cast<std::uint8_t>(right));
 }
 
-std::string Quote(std::string_view word) { return "'" + Escape(word, kMaxQuoted) + "'"; }
+std::string QuoteWord(std::string_view word) { return "'" + Escape(word, kMaxQuoted) + "'"; }
 
 // Takes the next word from the front of `text`; empty at the end.
 std::string_view NextWord(std::string_view& text) {
@@ -48,7 +48,7 @@ std::string ParseRights(std::string_view text, std::uint8_t& out) {
     const auto word = text.substr(0, text.find(','));
     const auto right = RightOf(word);
     if (right == 0) {
-      return "unknown right " + Quote(word) + " (use replicate, verify or status)";
+      return "unknown right " + QuoteWord(word) + " (use replicate, verify or status)";
     }
     out |= right;
     if (word.size() == text.size()) return {};
@@ -60,7 +60,7 @@ std::string ParseRights(std::string_view text, std::uint8_t& out) {
 std::string ParseName(const char* what, std::string_view text, std::string& out) {
   if (text == "*") return {};
   if (!IsValidName(text)) {
-    return Quote(text) + " is no name of a " + what +
+    return QuoteWord(text) + " is no name of a " + what +
            " (letters, digits, '.', '_', '-', or '*' alone for all)";
   }
   out = text;
@@ -85,11 +85,11 @@ std::string Grants::ParseLine(std::string_view text, Line& out) {
   const auto rights = NextWord(text);
   if (rights.empty()) return "needs three words: IDENTITY GROUP[/VOLUME] RIGHT[,RIGHT]";
   if (const auto more = NextWord(text); !more.empty()) {
-    return "unexpected " + Quote(more) + " after the rights (separate rights by ',' only)";
+    return "unexpected " + QuoteWord(more) + " after the rights (separate rights by ',' only)";
   }
   if (identity != "*") {
     if (!IsValidIdentity(identity) && identity != kPlaintextIdentity) {
-      return Quote(identity) + " is no identity ('*' stands alone, for everybody)";
+      return QuoteWord(identity) + " is no identity ('*' stands alone, for everybody)";
     }
     out.identity = identity;
   }

@@ -13,23 +13,23 @@
 namespace penstock {
 namespace {
 
-constexpr std::size_t kBytes = 4096;
+constexpr std::size_t kPieceBytes = 4096;
 
 TEST(SlabPool, APieceComesBackAndIsTakenAgain) {
-  SlabPool pool(kBytes, 4);
+  SlabPool pool(kPieceBytes, 4);
   auto piece = pool.Take();
   const auto* const first = piece.get();
-  std::memset(piece.get(), 7, kBytes);
+  std::memset(piece.get(), 7, kPieceBytes);
   EXPECT_EQ(pool.Kept(), 0U);
   piece.reset();
   EXPECT_EQ(pool.Kept(), 1U);
   piece = pool.Take();
   EXPECT_EQ(piece.get(), first);
-  EXPECT_EQ(piece[kBytes - 1], 7);
+  EXPECT_EQ(piece[kPieceBytes - 1], 7);
 }
 
 TEST(SlabPool, APieceIsUsedUntilItsLastOwnerIsGone) {
-  SlabPool pool(kBytes, 4);
+  SlabPool pool(kPieceBytes, 4);
   auto piece = pool.Take();
   std::shared_ptr<const std::uint8_t[]> other = piece;
   piece.reset();
@@ -40,7 +40,7 @@ TEST(SlabPool, APieceIsUsedUntilItsLastOwnerIsGone) {
 }
 
 TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
-  SlabPool pool(kBytes, 2);
+  SlabPool pool(kPieceBytes, 2);
   std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
   for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
   pieces.clear();
@@ -48,20 +48,21 @@ TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
 }
 
 TEST(SlabPool, APieceMayOutliveItsPool) {
-  std::optional<SlabPool> pool(std::in_place, kBytes, 2U);
+  std::optional<SlabPool> pool(std::in_place, kPieceBytes, 2U);
   auto piece = pool->Take();
   pool.reset();
-  std::memset(piece.get(), 1, kBytes);
+  std::memset(piece.get(), 1, kPieceBytes);
   piece.reset();
 }
 
 TEST(SlabPool, ThreadsShareIt) {
-  SlabPool pool(kBytes, 3);
+  SlabPool pool(kPieceBytes, 3);
   const auto work = [&](std::uint8_t mark) {
     for (int i = 0; i < 20'000; ++i) {
       const auto piece = pool.Take();
-      std::memset(piece.get(), mark, kBytes);
-      EXPECT_EQ(piece[i % kBytes], mark) << "another thread has it, too";
+      std::memset(piece.get(), mark, kPieceBytes);
+      EXPECT_EQ(piece[static_cast<std::size_t>(i) % kPieceBytes], mark)
+          << "another thread has it, too";
     }
   };
   std::thread other([&] { work(1); });

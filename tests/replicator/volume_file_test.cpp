@@ -23,7 +23,7 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kMiB = 1U << 20U;
+constexpr std::uint64_t kMega = 1U << 20U;
 
 class VolumeFiles : public testing::Test {
  protected:
@@ -59,7 +59,7 @@ class VolumeFiles : public testing::Test {
       EXPECT_EQ(file.NextData(at, begin), "");
       if (begin == file.Size()) break;
       EXPECT_EQ(file.NextHole(begin, end), "");
-      text += "[" + std::to_string(begin / kMiB) + "," + std::to_string(end / kMiB) + ") ";
+      text += "[" + std::to_string(begin / kMega) + "," + std::to_string(end / kMega) + ") ";
       at = end;
     }
     return text;
@@ -70,12 +70,12 @@ class VolumeFiles : public testing::Test {
 };
 
 TEST_F(VolumeFiles, OneIsMadeOfZerosAndIsPrivate) {
-  const auto file = Make(3 * kMiB + 1);
+  const auto file = Make(3 * kMega + 1);
   EXPECT_TRUE(file->WasCreated());
   EXPECT_FALSE(file->IsDevice());
-  EXPECT_EQ(file->Size(), 3 * kMiB + 1);
+  EXPECT_EQ(file->Size(), 3 * kMega + 1);
   EXPECT_EQ(ModeOf(file->Path()), 0600U);
-  EXPECT_EQ(ReadBack(*file, 3 * kMiB, 1), std::string(1, '\0'));
+  EXPECT_EQ(ReadBack(*file, 3 * kMega, 1), std::string(1, '\0'));
   EXPECT_EQ(DataOf(*file), "");
 }
 
@@ -97,7 +97,7 @@ TEST_F(VolumeFiles, PiecesAreWrittenOneBehindTheOther) {
 }
 
 TEST_F(VolumeFiles, AnyNumberOfPiecesIsWritten) {
-  const auto file = Make(kMiB);
+  const auto file = Make(kMega);
   const auto a = Filled(7, 'a');
   const auto b = Filled(5, 'b');
   std::vector<Bytes> pieces;
@@ -131,49 +131,49 @@ TEST_F(VolumeFiles, AFileThatGotShorterIsToldFromAnEnd) {
 }
 
 TEST_F(VolumeFiles, ZerosPunchHoles) {
-  const auto file = Make(8 * kMiB);
-  ASSERT_EQ(file->Write(0, Filled(8 * kMiB, 'x')), "");
+  const auto file = Make(8 * kMega);
+  ASSERT_EQ(file->Write(0, Filled(8 * kMega, 'x')), "");
   ASSERT_EQ(file->Sync(), "");
-  ASSERT_EQ(file->Zero(2 * kMiB, 3 * kMiB), "");
+  ASSERT_EQ(file->Zero(2 * kMega, 3 * kMega), "");
   EXPECT_EQ(DataOf(*file), "[0,2) [5,8) ");
-  EXPECT_EQ(ReadBack(*file, 5 * kMiB - 1, 2), std::string("\0x", 2));
-  EXPECT_EQ(ReadBack(*file, 2 * kMiB - 1, 2), std::string("x\0", 2));
+  EXPECT_EQ(ReadBack(*file, 5 * kMega - 1, 2), std::string("\0x", 2));
+  EXPECT_EQ(ReadBack(*file, 2 * kMega - 1, 2), std::string("x\0", 2));
 }
 
 TEST_F(VolumeFiles, ZerosAreWrittenWhereHolesCantBe) {
-  const auto file = Make(3 * kMiB);
-  ASSERT_EQ(file->Write(0, Filled(3 * kMiB, 'x')), "");
+  const auto file = Make(3 * kMega);
+  ASSERT_EQ(file->Write(0, Filled(3 * kMega, 'x')), "");
   file->m_canPunch = false;
-  ASSERT_EQ(file->Zero(1, 2 * kMiB), "");
-  EXPECT_EQ(ReadBack(*file, 0, 2 * kMiB + 2), "x" + std::string(2 * kMiB, '\0') + "x");
+  ASSERT_EQ(file->Zero(1, 2 * kMega), "");
+  EXPECT_EQ(ReadBack(*file, 0, 2 * kMega + 2), "x" + std::string(2 * kMega, '\0') + "x");
 }
 
 TEST_F(VolumeFiles, DataAndHolesAreFound) {
-  const auto file = Make(16 * kMiB);
+  const auto file = Make(16 * kMega);
   EXPECT_EQ(DataOf(*file), "");
-  ASSERT_EQ(file->Write(4 * kMiB, Filled(kMiB, 'x')), "");
-  ASSERT_EQ(file->Write(15 * kMiB, Filled(kMiB, 'x')), "");
+  ASSERT_EQ(file->Write(4 * kMega, Filled(kMega, 'x')), "");
+  ASSERT_EQ(file->Write(15 * kMega, Filled(kMega, 'x')), "");
   EXPECT_EQ(DataOf(*file), "[4,5) [15,16) ");
   std::uint64_t found = 0;
-  ASSERT_EQ(file->NextData(16 * kMiB, found), "");
-  EXPECT_EQ(found, 16 * kMiB);
+  ASSERT_EQ(file->NextData(16 * kMega, found), "");
+  EXPECT_EQ(found, 16 * kMega);
   ASSERT_EQ(file->NextData(~std::uint64_t{0}, found), "");
-  EXPECT_EQ(found, 16 * kMiB);
+  EXPECT_EQ(found, 16 * kMega);
 }
 
 TEST_F(VolumeFiles, GrowsByAHoleAndNeverShrinks) {
-  const auto file = Make(kMiB);
-  ASSERT_EQ(file->Write(0, Filled(kMiB, 'x')), "");
-  ASSERT_EQ(file->Grow(2 * kMiB), "");
-  EXPECT_EQ(file->Size(), 2 * kMiB);
-  EXPECT_EQ(ReadBack(*file, 2 * kMiB - 1, 1), std::string(1, '\0'));
-  EXPECT_EQ(file->Grow(kMiB), "can't shrink " + file->Path() + " from 2097152 to 1048576 bytes");
+  const auto file = Make(kMega);
+  ASSERT_EQ(file->Write(0, Filled(kMega, 'x')), "");
+  ASSERT_EQ(file->Grow(2 * kMega), "");
+  EXPECT_EQ(file->Size(), 2 * kMega);
+  EXPECT_EQ(ReadBack(*file, 2 * kMega - 1, 1), std::string(1, '\0'));
+  EXPECT_EQ(file->Grow(kMega), "can't shrink " + file->Path() + " from 2097152 to 1048576 bytes");
   EXPECT_NE(file->Grow(~std::uint64_t{0}), "");
-  EXPECT_EQ(file->Size(), 2 * kMiB);
+  EXPECT_EQ(file->Size(), 2 * kMega);
 }
 
 TEST_F(VolumeFiles, AWriterExcludesEverybody) {
-  const auto file = Make(kMiB);
+  const auto file = Make(kMega);
   EXPECT_EQ(Open(file->Path(), {.write = true}), file->Path() + " is in use by another penstock");
   EXPECT_EQ(Open(file->Path(), {}), file->Path() + " is in use by another penstock");
   EXPECT_EQ(Open(file->Path(), {.lock = false}), "");
@@ -188,7 +188,7 @@ TEST_F(VolumeFiles, ReadersExcludeAWriterOnly) {
 }
 
 TEST_F(VolumeFiles, ALockEndsWithItsOwner) {
-  auto file = Make(kMiB);
+  auto file = Make(kMega);
   file = nullptr;
   EXPECT_EQ(Open(m_folder / "v.img", {.write = true}), "");
 }
@@ -207,13 +207,13 @@ TEST_F(VolumeFiles, WhatIsNoVolumeIsRefused) {
 }
 
 TEST_F(VolumeFiles, AFullDiskIsTold) {
-  const auto file = Make(64 * kMiB);
+  const auto file = Make(64 * kMega);
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit low{kMiB, before.rlim_max};
+  const rlimit low{kMega, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
-  const auto fault = file->Write(kMiB, Filled(10, 'x'));
+  const auto fault = file->Write(kMega, Filled(10, 'x'));
   ::setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(fault, "can't write 10 bytes at 1048576 of " + file->Path() + ": File too large");
@@ -227,7 +227,7 @@ TEST_F(VolumeFiles, AFileThatCantBeMadeWholeIsNotLeftBehind) {
 }
 
 TEST_F(VolumeFiles, AFailedSyncStays) {
-  const auto file = Make(kMiB);
+  const auto file = Make(kMega);
   ASSERT_EQ(file->Sync(), "");
   EXPECT_EQ(file->SyncBy([](int) {
     errno = EIO;
@@ -239,16 +239,16 @@ TEST_F(VolumeFiles, AFailedSyncStays) {
 }
 
 TEST_F(VolumeFiles, ManyThreadsMayUseOne) {
-  const auto file = Make(4 * kMiB);
+  const auto file = Make(4 * kMega);
   std::vector<std::thread> threads;
   for (std::uint8_t t = 0; t < 4; ++t) {
     threads.emplace_back([&file, t] {
-      const auto bytes = Filled(kMiB, static_cast<std::uint8_t>('a' + t));
-      EXPECT_EQ(file->Write(t * kMiB, bytes), "");
+      const auto bytes = Filled(kMega, static_cast<std::uint8_t>('a' + t));
+      EXPECT_EQ(file->Write(t * kMega, bytes), "");
       EXPECT_EQ(file->Sync(), "");
       std::uint64_t found = 0;
-      EXPECT_EQ(file->NextData(t * kMiB, found), "");
-      EXPECT_EQ(ReadBack(*file, t * kMiB, kMiB), std::string(bytes.begin(), bytes.end()));
+      EXPECT_EQ(file->NextData(t * kMega, found), "");
+      EXPECT_EQ(ReadBack(*file, t * kMega, kMega), std::string(bytes.begin(), bytes.end()));
     });
   }
   for (auto& thread : threads) thread.join();
@@ -276,7 +276,7 @@ class LoopDevice : public VolumeFiles {
   void SetUp() override {
     m_path = m_folder / "disk";
     std::ofstream(m_path).close();
-    std::filesystem::resize_file(m_path, 16 * kMiB);
+    std::filesystem::resize_file(m_path, 16 * kMega);
     const auto list = m_folder / "device";
     if (!Command("mkfs.ext4 -q -F " + m_path) ||
         !Command("losetup --show -f " + m_path + " > " + list)) {
@@ -302,14 +302,14 @@ class LoopDevice : public VolumeFiles {
 TEST_F(LoopDevice, IsAVolume) {
   ASSERT_EQ(Open(m_device, {.write = true}), "");
   EXPECT_TRUE(m_file->IsDevice());
-  EXPECT_EQ(m_file->Size(), 16 * kMiB);
-  ASSERT_EQ(m_file->Write(kMiB, Filled(3 * kMiB, 'x')), "");
-  ASSERT_EQ(m_file->Zero(2 * kMiB + 1, kMiB), "");
+  EXPECT_EQ(m_file->Size(), 16 * kMega);
+  ASSERT_EQ(m_file->Write(kMega, Filled(3 * kMega, 'x')), "");
+  ASSERT_EQ(m_file->Zero(2 * kMega + 1, kMega), "");
   ASSERT_EQ(m_file->Sync(), "");
-  EXPECT_EQ(ReadBack(*m_file, 2 * kMiB, 3), std::string("x\0\0", 3));
-  EXPECT_EQ(ReadBack(*m_file, 3 * kMiB, 2), std::string("\0x", 2));
+  EXPECT_EQ(ReadBack(*m_file, 2 * kMega, 3), std::string("x\0\0", 3));
+  EXPECT_EQ(ReadBack(*m_file, 3 * kMega, 2), std::string("\0x", 2));
   EXPECT_EQ(DataOf(*m_file), "[0,16) ");
-  EXPECT_EQ(m_file->Grow(17 * kMiB),
+  EXPECT_EQ(m_file->Grow(17 * kMega),
             m_device + " is a device of 16777216 bytes, too small for 17825792");
 }
 
