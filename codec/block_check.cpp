@@ -87,8 +87,8 @@ bool IsOneZstdFrame(Bytes data, std::size_t rawLength) {
 // whatever the frame asks for.
 bool DecompressZstd(Bytes data, std::vector<std::uint8_t>& space) {
   if (!IsOneZstdFrame(data, space.size())) return false;
-  return ZSTD_decompressDCtx(ZstdDecompressor(), space.data(), space.size(), data.data(), data.size()) ==
-         space.size();
+  return ZSTD_decompressDCtx(ZstdDecompressor(), space.data(), space.size(), data.data(),
+                             data.size()) == space.size();
 }
 
 }  // namespace
