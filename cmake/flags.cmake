@@ -30,6 +30,12 @@ option(PENSTOCK_UNITY "Compile the program and its tests several files at a time
 function(penstock_in_batches)
   set_target_properties(${ARGN} PROPERTIES
     UNITY_BUILD ${PENSTOCK_UNITY} UNITY_BUILD_BATCH_SIZE 8)
+  # g++ takes a private structure with a member of an unnamed namespace for a header's.
+  if(PENSTOCK_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    foreach(target ${ARGN})
+      target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+    endforeach()
+  endif()
 endfunction()
 
 # One module of the library: an object library of position-independent code with hidden symbols.
