@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ios>
 #include <locale>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <sstream>
@@ -111,18 +112,20 @@ inline const char* Word(bool flag) { return flag ? "true" : "false"; }
 // for each record would cost more than all that the library does besides, so a thread has one.
 class UnreadStream {
  public:
-  // In the state of a new stream. Null when the thread is so near its end that it is gone.
-  static std::ostream* Take() {
-    if (s_isGone) return nullptr;
-    static thread_local UnreadStream own;
-    std::ostream& out = own.m_out;
+  // In the state of a new stream. It is never destroyed, so that it is there until the thread's
+  // last statement; it owns nothing.
+  static std::ostream& Take() {
+    alignas(UnreadStream) static thread_local std::array<std::byte, sizeof(UnreadStream)> place;
+    static thread_local UnreadStream* own = nullptr;
+    if (own == nullptr) own = new (place.data()) UnreadStream;
+    std::ostream& out = own->m_out;
     out.exceptions(std::ios_base::goodbit);
     out.clear();
     out.flags(std::ios_base::skipws | std::ios_base::dec);
     out.width(0);
     out.precision(6);
     out.fill(' ');
-    return &out;
+    return out;
   }
   UnreadStream(const UnreadStream&) = delete;
   UnreadStream& operator=(const UnreadStream&) = delete;
@@ -135,9 +138,7 @@ class UnreadStream {
   };
 
   UnreadStream() : m_out(&m_buffer) {}
-  ~UnreadStream() { s_isGone = true; }
 
-  static inline thread_local bool s_isGone = false;
   Buffer m_buffer;
   std::ostream m_out;
 };
@@ -163,8 +164,8 @@ class LogStatement {
     if (m_record) {
       LogPieces(std::move(*m_record)) << piece;
     } else if constexpr (!LogText<T>) {
-      if (m_unread == nullptr) m_unread = UnreadStream::Take();
-      if (m_unread != nullptr) *m_unread << piece;
+      if (m_unread == nullptr) m_unread = &UnreadStream::Take();
+      *m_unread << piece;
     }
     return *this;
   }

@@ -181,7 +181,7 @@ TEST_F(LogRecords, EachStreamsItsPiecesIntoAFreshStreamBelowTheThreshold) {
   EXPECT_EQ(second, first);
 }
 
-// Streams at the end of its thread, when the library's own stream of that thread is gone.
+// Streams at the end of its thread.
 struct LateSpeaker {
   ~LateSpeaker() {
     int streamed = 0;
@@ -193,7 +193,7 @@ struct LateSpeaker {
 TEST_F(LogRecords, MayBeWrittenWhileAThreadEnds) {
   CLogger::GetInstance().SetLevel(LOG_ERROR);
   std::thread([] {
-    static thread_local LateSpeaker speaker;  // made before the stream, so gone after it
+    static thread_local LateSpeaker speaker;
     (void)&speaker;
     int streamed = 0;
     PENSTOCK_LOG(LOG_INFO, Counted{streamed});

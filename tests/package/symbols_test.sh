@@ -68,7 +68,7 @@ write
 LIST
 )
 runtime='^(_Z|__cxa_(allocate_exception|begin_catch|end_catch|free_exception|rethrow|throw|finalize)$'
-runtime+='|__gxx_personality_v0$|_Unwind_Resume$|__gmon_start__$|_ITM_|__libc_single_threaded$'
+runtime+='|__gxx_personality_v0$|_Unwind_Resume$|__gmon_start__$|_ITM_|__libc_single_threaded$|__tls_get_addr$'
 runtime+='|(mem(chr|cmp|cpy|move|set)|strlen|bcmp)$|__stack_chk_fail$)'
 same "calls of the C library" "$c_calls" \
   "$(echo "$imports" | grep -vE "$runtime" | grep -vxF "$contract" || true)"
