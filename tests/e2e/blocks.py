@@ -164,6 +164,15 @@ class Ledger:
                 volume.oldest[block] = max(volume.oldest[block], version)
 
 
+def cut(*sockets):
+    """Ends connections in both directions, those that are gone already, too."""
+    for each in sockets:
+        try:
+            each.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+
 class Relay:
     """Between one source and the targets of its life; it reads along."""
 
@@ -209,22 +218,14 @@ class Relay:
                 self.on_frame(kinds, lambda: sink.sendall(data))
         except OSError:
             pass
-        for end in (source, sink):
-            try:
-                end.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+        cut(source, sink)
 
     def close(self):
         """Afterwards the ledger hears nothing more of it."""
         self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
         self.threads[0].join(LIMIT)
-        for each in self.sockets:
-            try:
-                each.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+        cut(*self.sockets)
         for thread in self.threads:
             thread.join(LIMIT)
         for each in self.sockets:

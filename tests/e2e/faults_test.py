@@ -16,6 +16,8 @@ import tempfile
 import threading
 import time
 
+from blocks import cut
+
 PENSTOCK = os.environ["PENSTOCK"]
 
 
@@ -171,11 +173,7 @@ class BadRelay:
                 sink.sendall(data)
         except OSError:
             pass
-        for end in (source, sink):
-            try:
-                end.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+        cut(source, sink)
 
 
 def a_bad_network_delays_and_damages_nothing(folder):
