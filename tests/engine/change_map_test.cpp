@@ -299,7 +299,7 @@ class RandomRun {
 
   void TakeStale() {
     ++m_n;
-    for (const auto& [offset, length] : m_map.TakeStale(m_n, 3 * 4096)) {
+    for (const auto& [offset, length] : m_map.TakeStale(m_n, 3UL * 4096)) {
       for (std::uint64_t e = offset / 4096; e <= (offset + length - 1) / 4096; ++e) {
         const auto owed = m_owed.find(e);
         if (owed != m_owed.end()) owed->second = m_n;

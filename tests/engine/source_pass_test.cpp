@@ -94,13 +94,13 @@ TEST_F(SourcePass, EqualVolumesSendNothingButTheMark) {
 TEST_F(SourcePass, OnlyWhatDiffersIsSent) {
   Begin();
   Differ(4096);
-  Differ(5 * 4096, 4097);
+  Differ(5UL * 4096, 4097);
   Connected();
   Welcome();
   EXPECT_EQ(RunAll(),
             "QUERY 1 0+65536, BLOCK 0 raw 4096+4096 20480+8192, END 1, "
             "START 2 complete, END 2");
-  EXPECT_EQ(Status().equalBytes, 64 * kKiB - 3 * 4096);
+  EXPECT_EQ(Status().equalBytes, 64 * kKiB - 3UL * 4096);
 }
 
 TEST_F(SourcePass, AVolumeNeedsNotEndAtABlock) {
@@ -131,7 +131,7 @@ TEST_F(SourcePass, EqualWeakFingerprintsAloneDropNothing) {
 TEST_F(SourcePass, WhatCollidesIsSentTogetherWithWhatDiffers) {
   Begin();
   Differ(4096);
-  Differ(5 * 4096);
+  Differ(5UL * 4096);
   Connected();
   Welcome();
   Run();

@@ -191,7 +191,7 @@ TEST_F(SourceWrite, TheOldestDatasetIsSentBeyondTheWindow) {
 }
 
 TEST_F(SourceWrite, TheWindowIsWhatIsNotAcknowledged) {
-  m_window = 3 * 4128;
+  m_window = 3UL * 4128;
   Online();
   for (int i = 0; i < 3; ++i) SendDataset();
   EXPECT_EQ(Status().sent, 3U);
@@ -208,7 +208,7 @@ TEST_F(SourceWrite, TheWindowIsFreshOnANewConnection) {
   SendDataset();
   EXPECT_EQ(Status().sent, 1U);
   Reconnect();
-  m_window = 2 * 4128;
+  m_window = 2UL * 4128;
   EXPECT_TRUE(Contains(Welcome(), "END 1, START 2, BLOCK 0 raw 0+4096, END 2"));
 }
 

@@ -63,6 +63,7 @@ TEST_F(Loop, TakesTasksFromManyThreads) {
   constexpr int kTasks = 1000;
   int count = 0;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < kTasks; ++i) {

@@ -20,10 +20,10 @@ using testing::HasSubstr;
 
 class ProgramLog : public testing::Test {
  protected:
-  ProgramLog() {
+  void SetUp() override {
     SetLogOutput([this](std::string_view line) { m_lines.emplace_back(line); });
   }
-  ~ProgramLog() override {
+  void TearDown() override {
     SetLogOutput({});
     SetUpLog({});
     CLogger::GetInstance().SetSink({});

@@ -87,7 +87,8 @@ TEST_F(PskFile, TheirNumberIsBounded) {
 TEST_F(PskFile, OneThatOthersMayReadIsRefused) {
   for (const mode_t mode : {0640U, 0604U, 0660U, 0610U}) {
     const auto path = WriteText(m_folder / "key", "a:" + kHex, mode);
-    EXPECT_EQ(ReadPskFile(path, m_keys), path + " is readable by others; run: chmod 600 " + path);
+    EXPECT_EQ(ReadPskFile(path, m_keys),
+              std::string(path).append(" is readable by others; run: chmod 600 ").append(path));
   }
 }
 

@@ -42,6 +42,7 @@ TEST(SlabPool, APieceIsUsedUntilItsLastOwnerIsGone) {
 TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
   SlabPool pool(kPieceBytes, 2);
   std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
+  pieces.reserve(5);
   for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
   pieces.clear();
   EXPECT_EQ(pool.Kept(), 2U);

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <thread>
 #include <vector>
@@ -68,8 +69,8 @@ TEST_F(Pool, AStrandKeepsItsOrderAndNeverOverlaps) {
   }
   ASSERT_TRUE(RunDry(pool));
   EXPECT_FALSE(overlapped);
-  std::vector<int> expected;
-  for (int i = 0; i < kJobs; ++i) expected.push_back(i);
+  std::vector<int> expected(kJobs);
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(worked, expected);
   EXPECT_EQ(completed, expected);
 }

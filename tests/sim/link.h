@@ -30,14 +30,14 @@ class Link {
   explicit Link(World& world) : m_world(world) {}
 
   ConnId Open(EndEvents source, EndEvents target);
-  void Send(ConnId conn, Side from, const Frame& frame);
+  void Send(ConnId id, Side from, const Frame& frame);
   // Bytes of the sender's own making: a peer that does not keep to the protocol.
-  void SendRaw(ConnId conn, Side from, std::vector<std::uint8_t> bytes);
-  void SetSeeds(ConnId conn, Side side, std::uint64_t read, std::uint64_t write);
+  void SendRaw(ConnId id, Side from, std::vector<std::uint8_t> bytes);
+  void SetSeeds(ConnId id, Side side, std::uint64_t read, std::uint64_t write);
   // Orderly: what was sent before arrives first.
-  void Close(ConnId conn, Side by);
+  void Close(ConnId id, Side by);
   // The process at `side` is gone, with everything on its way to it.
-  void Die(ConnId conn, Side side);
+  void Die(ConnId id, Side side);
   bool IsOpen(ConnId conn) const { return m_conns.contains(conn); }
 
  private:
@@ -53,9 +53,9 @@ class Link {
     bool cut = false;
   };
 
-  void Deliver(ConnId conn, Side to, const std::vector<std::uint8_t>& bytes);
-  void Schedule(ConnId conn, Side to, std::vector<std::uint8_t> bytes);
-  void ScheduleClosed(ConnId conn, Side to, const std::string& why);
+  void Deliver(ConnId id, Side to, const std::vector<std::uint8_t>& bytes);
+  void Schedule(ConnId id, Side to, std::vector<std::uint8_t> bytes);
+  void ScheduleClosed(ConnId id, Side to, const std::string& why);
   Conn* Find(ConnId conn);
 
   World& m_world;

@@ -21,7 +21,7 @@ namespace penstock::sim {
 class SourceNode {
  public:
   SourceNode(World& world, Link& link, Checker& checker, TargetNode& target, std::string name,
-             std::vector<SourceVolume> volumes, std::uint64_t resyncBytes);
+             std::vector<SourceVolume> configured, std::uint64_t resyncBytes);
 
   void Boot();
   void Crash(const std::string& why);
