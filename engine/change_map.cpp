@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "engine/planted.h"
+
 namespace penstock {
 
 namespace {
@@ -21,11 +23,8 @@ struct HeaderRecord {
   std::array<std::uint8_t, 16> volume;
   std::uint64_t volumeBytes;
   std::uint64_t extentBytes;
-  std::uint64_t epoch;
-  std::uint64_t flushed;
-  std::uint64_t isClean;
 };
-static_assert(sizeof(HeaderRecord) == 80);
+static_assert(sizeof(HeaderRecord) == 56);
 
 // Of a sector's bytes, the map that it belongs to and its place in it: a sector that was written to
 // the wrong place, or is left over from another map, is none.
@@ -50,14 +49,8 @@ bool IsSealed(const UuidT& map, std::uint64_t number, const MapSector& sector) {
 // --- The file. ---
 
 MapSector Encode(const MapHeader& header) {
-  const HeaderRecord record{kMagic,
-                            header.id.bytes,
-                            header.volume.bytes,
-                            header.volumeBytes,
-                            header.extentBytes,
-                            header.epoch,
-                            header.flushed,
-                            header.isClean ? 1U : 0U};
+  const HeaderRecord record{kMagic, header.id.bytes, header.volume.bytes, header.volumeBytes,
+                            header.extentBytes};
   MapSector sector{};
   std::memcpy(sector.data(), &record, sizeof(record));
   Seal(header.id, kHeaderNumber, sector);
@@ -73,9 +66,6 @@ std::string Decode(const MapSector& sector, MapHeader& out) {
   out.volume.bytes = record.volume;
   out.volumeBytes = record.volumeBytes;
   out.extentBytes = record.extentBytes;
-  out.epoch = record.epoch;
-  out.flushed = record.flushed;
-  out.isClean = record.isClean != 0;
   if (out.volumeBytes == 0 || out.extentBytes < 4096 || out.extentBytes % 4096 != 0) {
     return "its header makes no sense";
   }
@@ -162,7 +152,9 @@ void ChangeMap::MakeStale(std::uint64_t extent) {
 ChangeMap::Extent& ChangeMap::Touch(std::uint64_t extent) {
   Extent& state = m_known[extent];
   if (state.kind == Kind::kHot) m_hot.erase(state.place);
+  if (state.kind == Kind::kCold) m_cold.erase(state.place);
   state.kind = Kind::kBusy;
+  state.clearing = false;
   return state;
 }
 
@@ -190,18 +182,19 @@ void ChangeMap::End(std::uint64_t offset, std::uint64_t length, std::uint64_t n)
 
 // Moves a busy extent on, if it is not busy any more. May forget `state`.
 void ChangeMap::Heat(std::uint64_t extent, Extent& state) {
-  if (state.writers > 0 || state.n > m_flushed) return;
+  if (state.n > m_flushed || (state.writers > 0 && !Planted(Fault::kClearUnderWriter))) return;
   if (Has(m_stale, extent)) {
     m_known.erase(extent);
     return;
   }
   state.kind = Kind::kHot;
   state.place = m_hot.insert(m_hot.end(), extent);
-  if (m_hot.size() <= m_hotLimit) return;
-  const std::uint64_t coldest = m_hot.front();
-  m_hot.pop_front();
-  m_known.erase(coldest);
-  Unmark(coldest);
+  if (m_hot.size() > m_hotLimit) CoolOne();
+}
+
+void ChangeMap::CoolOne() {
+  m_known.at(m_hot.front()).kind = Kind::kCold;
+  m_cold.splice(m_cold.end(), m_hot, m_hot.begin());
 }
 
 void ChangeMap::Flushed(std::uint64_t n) {
@@ -218,7 +211,7 @@ void ChangeMap::Flushed(std::uint64_t n) {
 void ChangeMap::Lose() {
   for (auto place = m_known.begin(); place != m_known.end();) {
     auto& [extent, state] = *place;
-    if (state.kind == Kind::kBusy && state.n > m_flushed) {
+    if (state.kind == Kind::kBusy && state.n > m_flushed && !Planted(Fault::kOverflowForgets)) {
       MakeStale(extent);
       state.n = 0;
     }
@@ -227,7 +220,8 @@ void ChangeMap::Lose() {
   }
 }
 
-std::vector<ChangeMap::Range> ChangeMap::TakeStale(std::uint64_t n, std::uint64_t most) {
+std::vector<ChangeMap::Range> ChangeMap::TakeStale(std::uint64_t n, std::uint64_t most,
+                                                   std::uint64_t unit) {
   std::vector<Range> ranges;
   std::uint64_t taken = 0;
   for (std::uint64_t word = 0; word < m_stale.size() && m_staleCount > 0; ++word) {
@@ -238,8 +232,10 @@ std::vector<ChangeMap::Range> ChangeMap::TakeStale(std::uint64_t n, std::uint64_
       const std::uint64_t offset = extent * m_extentBytes;
       const std::uint64_t length = std::min(m_extentBytes, m_volumeBytes - offset);
       if (taken > 0 && taken + length > most) return ranges;
+      const bool follows = !ranges.empty() && ranges.back().offset + ranges.back().length == offset;
+      if (!follows && !ranges.empty() && ranges.back().length % unit != 0) return ranges;
       taken += length;
-      if (!ranges.empty() && ranges.back().offset + ranges.back().length == offset) {
+      if (follows) {
         ranges.back().length += length;
       } else {
         ranges.push_back({offset, length});
@@ -254,11 +250,24 @@ std::vector<ChangeMap::Range> ChangeMap::TakeStale(std::uint64_t n, std::uint64_
 }
 
 void ChangeMap::Cool() {
-  for (const std::uint64_t extent : m_hot) {
+  while (!m_hot.empty()) CoolOne();
+}
+
+void ChangeMap::BeginClear() {
+  for (const std::uint64_t extent : m_cold) m_known.at(extent).clearing = true;
+}
+
+void ChangeMap::EndClear() {
+  for (auto place = m_cold.begin(); place != m_cold.end();) {
+    const std::uint64_t extent = *place;
+    if (!m_known.at(extent).clearing) {
+      ++place;
+      continue;
+    }
+    place = m_cold.erase(place);
     m_known.erase(extent);
     Unmark(extent);
   }
-  m_hot.clear();
 }
 
 std::uint64_t ChangeMap::StaleBytes() const {

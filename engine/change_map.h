@@ -30,9 +30,6 @@ struct MapHeader {
   UuidT volume;  // VolumeId
   std::uint64_t volumeBytes = 0;
   std::uint64_t extentBytes = 0;
-  std::uint64_t epoch = 0;    // of the source that wrote it last; 0: none yet
-  std::uint64_t flushed = 0;  // at the target, when it was written last: the map covers the rest
-  bool isClean = false;       // nothing is marked, and nothing was written since
 };
 MapSector Encode(const MapHeader& header);
 // Returns an empty text, or why the sector is no header of a map.
@@ -51,11 +48,14 @@ std::uint64_t MapSectors(std::uint64_t volumeBytes, std::uint64_t extentBytes);
 // An extent is marked durably before the first write to it reaches the volume, and stays so until
 // every write to it is flushed at the target. Extents of which that is true are not cleared at
 // once, because the next write would have to mark them again: the last `hotExtents` of them stay.
+// What is colder is cleared in batches, by BeginClear and EndClear: in between, its owner syncs the
+// volume. Without that a power cut could take back, here only, what the target has already.
 //
 // States of an extent:
 //   clear     the target has it
 //   busy      marked; writes to it are under way, or in datasets that are not flushed
 //   hot       marked; the target has it, too
+//   cold      marked; the target has it, and it may be cleared
 //   stale     marked; something of it is in no dataset: it has to be compared
 //
 // It has no I/O: its owner writes the sectors of TakeUnsaved, syncs them and says Saved.
@@ -93,6 +93,11 @@ class ChangeMap {
 
   // What has to be written. At most one save is under way.
   bool HasUnsaved() const { return !m_unsaved.empty(); }
+  // The generation with which everything up to now is saved; 0: it is.
+  std::uint64_t UnsavedGeneration() const {
+    if (HasUnsaved()) return m_next;
+    return m_saved + 1 < m_next ? m_next - 1 : 0;
+  }
   Save TakeUnsaved();
   void Saved(std::uint64_t generation);
   std::uint64_t SavedGeneration() const { return m_saved; }
@@ -101,11 +106,18 @@ class ChangeMap {
   void Flushed(std::uint64_t n);
   // Of the datasets that are not flushed nothing is kept: what they held is stale.
   void Lose();
-  // The stale ranges, merged, in order. They are compared by datasets up to n, which are being
-  // made: from here on they are busy. A range may be longer than `most`, which bounds the number of
-  // bytes taken at a time; the rest stays stale.
-  std::vector<Range> TakeStale(std::uint64_t n, std::uint64_t most);
-  // Clears the hot extents as well: the source stops, and the target has everything.
+  // The stale ranges, merged, in order. They are compared by dataset n, which is being made: from
+  // here on they are busy. `most` bounds the number of bytes taken at a time (one extent at least);
+  // the rest stays stale. All ranges but the last are multiples of `unit` long.
+  std::vector<Range> TakeStale(std::uint64_t n, std::uint64_t most, std::uint64_t unit = 1);
+
+  // Clears what is cold: between the two calls the volume has to be synced, and the number of the
+  // newest dataset that is known to be flushed has to be made durable. What was written to
+  // meanwhile stays. One at a time; a begun one may be given up by beginning another.
+  std::size_t ColdExtents() const { return m_cold.size(); }
+  void BeginClear();
+  void EndClear();
+  // Makes the hot extents cold, too: the source stops.
   void Cool();
 
   std::uint64_t StaleBytes() const;
@@ -116,12 +128,13 @@ class ChangeMap {
   std::uint64_t Marks() const { return m_marks; }
 
  private:
-  enum class Kind : std::uint8_t { kBusy, kHot };
+  enum class Kind : std::uint8_t { kBusy, kHot, kCold };
   struct Extent {
     Kind kind = Kind::kBusy;
+    bool clearing = false;  // of a cold one
     std::uint32_t writers = 0;
     std::uint64_t n = 0;  // the newest dataset that has something of it; 0: none yet
-    std::list<std::uint64_t>::iterator place;  // of a hot one
+    std::list<std::uint64_t>::iterator place;  // of a hot or cold one
   };
   using Bits = std::vector<std::uint64_t>;
 
@@ -132,6 +145,7 @@ class ChangeMap {
   void Mark(std::uint64_t extent);
   void Unmark(std::uint64_t extent);
   void Heat(std::uint64_t extent, Extent& state);
+  void CoolOne();
   void MakeStale(std::uint64_t extent);
   Extent& Touch(std::uint64_t extent);
   MapSector SectorOf(std::uint64_t index) const;
@@ -149,8 +163,9 @@ class ChangeMap {
   Bits m_stale;  // of those
   std::uint64_t m_marked = 0;
   std::uint64_t m_staleCount = 0;
-  std::unordered_map<std::uint64_t, Extent> m_known;  // busy and hot ones
+  std::unordered_map<std::uint64_t, Extent> m_known;  // busy, hot and cold ones
   std::list<std::uint64_t> m_hot;                     // the coldest first
+  std::list<std::uint64_t> m_cold;
   std::uint64_t m_flushed = 0;
 
   // A mark is in generation `m_next` until that is taken to be saved.

@@ -18,6 +18,7 @@
 #include "engine/state.h"
 #include "engine/wire/frame.h"
 #include "engine/wire/messages.h"
+#include "penstock/dataset_serializer.h"
 #include "penstock/records.h"
 
 namespace penstock {
@@ -127,8 +128,64 @@ struct BuffersPacked {
   BlockPtr block;
 };
 
-using SourceCommand = std::variant<SendFrame, SetSeeds, CloseConn, Note, Halt, Connect, FetchWindow,
-                                   PackRuns, PackBuffers>;
+// The spool: datasets of a source that wait on disk for the target. Its commands are carried out in
+// order. A spool has an age, a number that is made durable before anything is written under it:
+// whatever a spool of another age left behind is not read again.
+
+// Write a closed dataset, whole: one file for each of its volumes, or one in the group's name when
+// it has none; the trailer, the files and their directories synced. Answered by SpoolDone.
+struct SpoolWrite {
+  Ticket ticket = 0;
+  DatasetStart start;
+  std::vector<BlockPtr> blocks;  // in order; their volumeIndex is that of start.volumes
+};
+struct SpoolDone {
+  Ticket ticket = 0;
+  IoStatus status = IoStatus::kOk;
+  std::string error;
+  std::uint64_t bytes = 0;                    // SpoolWrite: of the files
+  std::shared_ptr<DatasetSerializer> writer;  // SpoolWrite: of the first file; may be null
+};
+// Read a dataset back. Answered by SpoolLoaded.
+struct SpoolRead {
+  Ticket ticket = 0;
+  DatasetStart start;
+};
+struct SpoolLoaded {
+  Ticket ticket = 0;
+  IoStatus status = IoStatus::kOk;
+  std::string error;
+  std::vector<BlockPtr> blocks;  // those that were written, in order
+};
+// Remove a dataset that the target has. Not answered.
+struct SpoolRemove {
+  DatasetStart start;
+};
+// Begin the next age, durably, and remove everything. Answered by SpoolDone.
+struct SpoolDrop {
+  Ticket ticket = 0;
+};
+
+// Sync the volumes, then make durable that the target has flushed everything up to `flushed`, in
+// this epoch. Answered by CheckpointDone.
+struct Checkpoint {
+  Ticket ticket = 0;
+  std::uint64_t epoch = 0;
+  std::uint64_t flushed = 0;
+};
+struct CheckpointDone {
+  Ticket ticket = 0;
+  IoStatus status = IoStatus::kOk;
+  std::string error;
+};
+// Write what is unsaved of the change maps. Answered by CheckpointDone.
+struct SaveMaps {
+  Ticket ticket = 0;
+};
+
+using SourceCommand =
+    std::variant<SendFrame, SetSeeds, CloseConn, Note, Halt, Connect, FetchWindow, PackRuns,
+                 PackBuffers, SpoolWrite, SpoolRead, SpoolRemove, SpoolDrop, Checkpoint, SaveMaps>;
 
 // --- Target. ---
 

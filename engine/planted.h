@@ -25,6 +25,21 @@ enum class Fault : std::uint8_t {
   kWeakMatch,          // equal 64-bit fingerprints alone drop a run
   kRecoverySkipsLast,  // recovery does not re-apply the last durable dataset
   kEndCountUnchecked,  // END's counts are not compared
+
+  // Of a source of running volumes.
+  kMarkAfterWrite,       // a write does not wait for its extent's mark
+  kClearBeforeFlushed,   // marks are cleared once their dataset was sent
+  kClearBeforeSync,      // marks are cleared before the volume is synced
+  kClearUnderWriter,     // marks are cleared while a write to the extent is under way
+  kOpenWritesFlushed,    // what is in no dataset yet counts as flushed
+  kOverflowForgets,      // a backlog that is given up leaves no stale extents
+  kTrackingForgetsTrim,  // a trim is not marked while nothing is recorded
+  kCaptureOrder,         // two writes change places
+  kCompleteTooEarly,     // a resync completes without the writes that it may have read
+  kFirstRangeOnly,       // of a resync dataset's ranges only the first is compared
+  kSpoolWithoutEnd,      // a file of the spool is taken without its end record
+  kSpoolGap,             // what the spool has behind a gap is sent
+  kSpoolAge,             // a spool that was given up is read again
 };
 
 inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaults = {{
@@ -40,6 +55,21 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaul
     {Fault::kWeakMatch, "64-bit-match-drops-alone"},
     {Fault::kRecoverySkipsLast, "recovery-skips-the-last-dataset"},
     {Fault::kEndCountUnchecked, "end-without-count-check"},
+}};
+inline constexpr std::array<std::pair<Fault, std::string_view>, 13> kPlantedLiveFaults = {{
+    {Fault::kMarkAfterWrite, "mark-after-the-write"},
+    {Fault::kClearBeforeFlushed, "clear-before-flushed"},
+    {Fault::kClearBeforeSync, "clear-before-the-volume-is-synced"},
+    {Fault::kClearUnderWriter, "clear-under-a-writer"},
+    {Fault::kOpenWritesFlushed, "open-writes-count-as-flushed"},
+    {Fault::kOverflowForgets, "overflow-forgets-the-backlog"},
+    {Fault::kTrackingForgetsTrim, "overflow-forgets-a-trim"},
+    {Fault::kCaptureOrder, "writes-out-of-order"},
+    {Fault::kCompleteTooEarly, "resync-completes-too-early"},
+    {Fault::kFirstRangeOnly, "resync-takes-the-first-range-only"},
+    {Fault::kSpoolWithoutEnd, "spool-file-without-its-end-record"},
+    {Fault::kSpoolGap, "spool-sent-behind-a-gap"},
+    {Fault::kSpoolAge, "spool-of-another-age"},
 }};
 
 #ifdef PENSTOCK_PLANTED_FAULTS

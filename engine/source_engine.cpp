@@ -15,6 +15,7 @@ const char* Text(SourcePhase phase) {
     case SourcePhase::kGreeting: return "greeting";
     case SourcePhase::kOnline: return "online";
     case SourcePhase::kBackoff: return "reconnecting";
+    case SourcePhase::kPaused: return "paused";
     case SourcePhase::kStopped: return "stopped";
   }
   return "unknown";
@@ -24,7 +25,8 @@ SourceEngine::SourceEngine(SourceConfig config) : m_config(std::move(config)) {
   for (const SourceVolume& volume : m_config.volumes) {
     m_volumeIds.push_back(VolumeId(m_config.group, volume.name));
   }
-  m_passWanted = m_config.resyncAtStart;
+  m_passWanted = m_config.resyncAtStart && m_config.feed == nullptr;
+  m_knownEpoch = m_config.epoch;
   m_backoff = m_config.backoffMin;
 }
 
@@ -43,7 +45,10 @@ void SourceEngine::Send(Frame frame) {
 // --- Events. ---
 
 void SourceEngine::Start(const Moment& now) {
-  if (m_status.phase != SourcePhase::kIdle) return;
+  if (m_status.phase == SourcePhase::kIdle) BeginConnect(now);
+}
+
+void SourceEngine::BeginConnect(const Moment& now) {
   SetPhase(SourcePhase::kConnecting);
   m_deadline = now.steady + m_config.greetTimeout;
   m_commands.emplace_back(Connect{});
@@ -65,12 +70,14 @@ void SourceEngine::Connected(ConnId conn, const Moment& now) {
 
 void SourceEngine::ConnectFailed(const std::string& why, const Moment& now) {
   if (m_status.phase == SourcePhase::kConnecting) Backoff(why, now);
+  Settle(now);
 }
 
 void SourceEngine::ConnClosed(ConnId conn, const std::string& why, const Moment& now) {
   if (conn != m_conn || m_conn == 0) return;
   m_conn = 0;
   if (m_status.phase != SourcePhase::kStopped) Backoff(why, now);
+  Settle(now);
 }
 
 void SourceEngine::Received(ConnId conn, const Frame& frame, const Moment& now) {
@@ -85,20 +92,22 @@ void SourceEngine::Tick(const Moment& now) {
   switch (m_status.phase) {
     case SourcePhase::kIdle:
     case SourcePhase::kStopped: return;
+    case SourcePhase::kPaused: break;
     case SourcePhase::kConnecting:
       if (now.steady >= m_deadline) Backoff("no connection within the time allowed", now);
-      return;
+      break;
     case SourcePhase::kGreeting:
       if (now.steady >= m_deadline) DropConn("the target did not answer HELLO in time", now);
-      return;
+      break;
     case SourcePhase::kBackoff:
-      if (now.steady < m_deadline) return;
-      SetPhase(SourcePhase::kConnecting);
-      m_deadline = now.steady + m_config.greetTimeout;
-      m_commands.emplace_back(Connect{});
-      return;
-    case SourcePhase::kOnline: break;
+      if (now.steady >= m_deadline && !m_spoolDropping) BeginConnect(now);
+      break;
+    case SourcePhase::kOnline: TickOnline(now); break;
   }
+  Settle(now);
+}
+
+void SourceEngine::TickOnline(const Moment& now) {
   const Millis silent = now.steady - std::min(now.steady, m_lastHeard);
   if (silent >= m_config.progressTimeout) {
     DropConn("nothing came from the target for " + std::to_string(silent / 1000) + " s", now);
@@ -106,20 +115,43 @@ void SourceEngine::Tick(const Moment& now) {
     m_pinged = true;
     Send(Encode(FrameType::kPing, Ping{m_connCount}));
   }
-  Settle(now);
 }
 
 Millis SourceEngine::NextDeadline() const {
   switch (m_status.phase) {
     case SourcePhase::kIdle:
     case SourcePhase::kStopped: return std::numeric_limits<Millis>::max();
+    case SourcePhase::kPaused: return LiveDeadline();
+    case SourcePhase::kBackoff:
+      if (m_spoolDropping) return LiveDeadline();
+      [[fallthrough]];
     case SourcePhase::kConnecting:
-    case SourcePhase::kGreeting:
-    case SourcePhase::kBackoff: return m_deadline;
+    case SourcePhase::kGreeting: return std::min(m_deadline, LiveDeadline());
     case SourcePhase::kOnline: break;
   }
   const Millis heard = m_lastHeard + (m_pinged ? m_config.progressTimeout : m_config.pingAfter);
-  return m_hasToTell ? std::min(heard, m_tellAt) : heard;
+  return std::min(m_hasToTell ? std::min(heard, m_tellAt) : heard, LiveDeadline());
+}
+
+void SourceEngine::Pause(const Moment& now) {
+  if (m_status.phase == SourcePhase::kStopped || m_status.phase == SourcePhase::kPaused) return;
+  if (m_status.phase == SourcePhase::kOnline) {
+    Send(EncodeBye());
+    ResetCursors();
+  }
+  if (m_conn != 0) m_commands.emplace_back(CloseConn{m_conn, "paused"});
+  m_conn = 0;
+  SetPhase(SourcePhase::kPaused);
+  Say(NoteLevel::kNotice, "paused");
+  Settle(now);
+}
+
+void SourceEngine::Resume(const Moment& now) {
+  if (m_status.phase != SourcePhase::kPaused) return;
+  Say(NoteLevel::kNotice, "goes on");
+  SetPhase(SourcePhase::kBackoff);
+  m_deadline = now.steady;
+  Tick(now);
 }
 
 void SourceEngine::Stop(const Moment&) {
@@ -141,7 +173,7 @@ void SourceEngine::DropConn(const std::string& why, const Moment& now) {
 }
 
 void SourceEngine::Backoff(const std::string& why, const Moment& now) {
-  if (m_status.phase == SourcePhase::kStopped) return;
+  if (m_status.phase == SourcePhase::kStopped || m_status.phase == SourcePhase::kPaused) return;
   const bool wasOnline = m_status.phase == SourcePhase::kOnline;
   SetPhase(SourcePhase::kBackoff);
   m_status.lastTrouble = why;
@@ -166,6 +198,7 @@ void SourceEngine::GiveUp(ErrorCode code, const std::string& why) {
   if (m_conn != 0) m_commands.emplace_back(CloseConn{m_conn, why});
   m_conn = 0;
   SetPhase(SourcePhase::kStopped);
+  if (m_config.feed != nullptr) m_config.feed->Lose();
   Say(NoteLevel::kError, why);
 }
 
@@ -178,7 +211,7 @@ void SourceEngine::Refuse(const std::string& why, const Moment& now) {
 
 void SourceEngine::SendHello() {
   m_hello = Hello{};
-  m_hello.epoch = m_status.epoch;
+  m_hello.epoch = m_status.epoch != 0 ? m_status.epoch : m_config.epoch;
   m_hello.group = m_config.group;
   m_config.random(m_hello.nonce);
   m_config.random(m_hello.runKey);
@@ -269,10 +302,10 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
   m_remote = welcome.volumes;
   m_told = {};
   m_tellAt = now.steady + m_config.progressEvery;
-  if (m_status.epoch == 0) {
-    BeginEpoch(welcome);
+  if (!m_pipe) {
+    if (!BeginHistory(welcome)) return;
     m_told = ProgressNow();  // the target has said it itself
-  } else if (!TakeHistory(welcome)) {
+  } else if (!TakeHistory(welcome, now)) {
     return;
   }
   SetPhase(SourcePhase::kOnline);
@@ -284,8 +317,17 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
   AskAgain();
 }
 
-// The first WELCOME: the numbers go on from what the target has.
-void SourceEngine::BeginEpoch(const Welcome& welcome) {
+// The first WELCOME, and the first after the backlog was given up: the numbers go on from what the
+// target has. Returns false when the engine was given up.
+bool SourceEngine::BeginHistory(const Welcome& welcome) {
+  const bool isKnown = m_hello.epoch != 0;
+  const std::uint64_t least = std::max(m_config.flushed, m_status.durable);
+  if (isKnown && (welcome.epoch != m_hello.epoch || welcome.durable < least)) {
+    GiveUp(ErrorCode::kFork, "history differs at " + std::to_string(welcome.durable) +
+                                 ": the target has lost datasets that it had acknowledged; if it "
+                                 "was restored from a copy, take the group up anew");
+    return false;
+  }
   m_status.epoch = welcome.epoch;
   m_base = m_last = welcome.durable;
   m_status.closed = m_status.sent = m_status.durable = welcome.durable;
@@ -293,7 +335,25 @@ void SourceEngine::BeginEpoch(const Welcome& welcome) {
   m_status.flushed = welcome.flushed;
   m_ackedChain = welcome.chain;
   m_chains[m_base] = welcome.chain;
-  m_passAfter = m_base;
+  MakePipeline();
+  AdoptSpool();
+  m_passAfter = m_last;
+  if (m_config.feed == nullptr) return true;
+  std::vector<bool> whole;
+  for (const WelcomeVolume& volume : welcome.volumes) {
+    whole.push_back(!isKnown || volume.state == VolumeState::kNew ||
+                    volume.state == VolumeState::kNeedsResync);
+    m_passWanted = m_passWanted || volume.state != VolumeState::kGood;
+  }
+  m_config.feed->Begin(whole);
+  m_config.feed->Flushed(m_status.flushed);
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    m_passWanted = m_passWanted || m_config.feed->StaleBytes(static_cast<std::uint8_t>(i)) > 0;
+  }
+  return true;
+}
+
+void SourceEngine::MakePipeline() {
   m_pipe = std::make_unique<Pipeline>();
   m_pipe->SetTransmitterCb([this](std::shared_ptr<Dataset>& ds) {
     auto [place, isNew] = m_cursors.try_emplace(ds->GetN());
@@ -306,7 +366,7 @@ void SourceEngine::BeginEpoch(const Welcome& welcome) {
 
 // A WELCOME within the epoch: what the peer has is applied first, then the rest is offered again.
 // Returns false when the connection or the engine was given up.
-bool SourceEngine::TakeHistory(const Welcome& welcome) {
+bool SourceEngine::TakeHistory(const Welcome& welcome, const Moment& now) {
   const auto fork = [&](const std::string& why) {
     GiveUp(ErrorCode::kFork, "history differs at " + std::to_string(welcome.durable) + ": " + why);
     return false;
@@ -331,6 +391,10 @@ bool SourceEngine::TakeHistory(const Welcome& welcome) {
         !m_passing && m_status.syncedAt != 0 && m_status.syncedAt <= welcome.flushed;
     if (volume.state == VolumeState::kNeedsResync ||
         (volume.state == VolumeState::kNew && isSynced)) {
+      if (m_config.feed != nullptr) {
+        Overflow("the target has lost what it had of a volume", now);
+        return false;
+      }
       m_passWanted = true;
       m_passAfter = m_status.closed;
       m_passSpoiled = m_passing;
@@ -367,6 +431,10 @@ void SourceEngine::TakeReport(FrameType type, const Frame& frame, const Moment& 
 // --- Whatever has become possible. ---
 
 void SourceEngine::Settle(const Moment& now) {
+  if (m_status.phase == SourcePhase::kStopped || m_status.phase == SourcePhase::kIdle) return;
+  StepClose(now);
+  StepSpool(now);
+  StepCheckpoint(now);
   if (m_status.phase != SourcePhase::kOnline || !m_pipe) return;
   StepPass(now);
   StepFetch();
@@ -398,7 +466,8 @@ void SourceEngine::SendProgress(const Moment& now) {
 }
 
 bool SourceEngine::IsSettled() const {
-  return m_pipe && !m_passWanted && !m_passing && m_newestClosed &&
+  const bool hasWrites = m_config.feed != nullptr && m_config.feed->HasWrites();
+  return m_pipe && !m_passWanted && !m_passing && m_newestClosed && !hasWrites &&
          m_status.flushed >= m_status.closed;
 }
 

@@ -15,6 +15,7 @@
 #include "codec/block.h"
 #include "engine/chain.h"
 #include "engine/commands.h"
+#include "engine/source_feed.h"
 #include "engine/source_parts.h"
 #include "penstock/penstock.h"
 
@@ -30,6 +31,18 @@ struct SourceConfig {
   std::vector<SourceVolume> volumes;  // 1 to kMaxVolumes
   CompressSpec compress;
   bool resyncAtStart = true;  // compare everything once, before anything else is believed
+
+  // What is captured of running volumes, and outlives the engine; null: see SourceFeed. The rest of
+  // this part belongs to it.
+  SourceFeed* feed = nullptr;
+  std::uint64_t epoch = 0;    // of the last process that had the group; 0: take it up anew
+  std::uint64_t flushed = 0;  // the target was known to have flushed, by then
+  std::vector<SpooledDataset> spooled;     // what that process left, ascending
+  std::uint64_t liveMemory = 256U << 20U;  // of normal datasets; the spool is used from a half on
+  std::uint64_t spoolBytes = 0;            // at most, of the spool's files; 0: there is none
+  Millis interval = 1'000;                 // at which datasets are closed
+  std::size_t clearExtents = 64;           // marks that are cleared at a time, at least
+  Millis clearAfter = 10'000;              // with fewer of them, and after a failed clearing
 
   // Limits. The memory that a source holds is at most `memory` for resync datasets, plus what the
   // open and unacknowledged normal datasets hold.
@@ -61,6 +74,7 @@ enum class SourcePhase : std::uint8_t {
   kGreeting,    // HELLO is out, WELCOME is not in
   kOnline,      // frames flow
   kBackoff,     // lost or refused for now; connects again at a time
+  kPaused,      // on its owner's order
   kStopped,     // for good: see SourceStatus::failure
 };
 const char* Text(SourcePhase phase);
@@ -86,7 +100,12 @@ struct SourceStatus {
   std::uint64_t resentDatasets = 0;
   std::uint64_t reconnects = 0;
   std::uint64_t damaged = 0;  // answers that were refused
-  std::string lastTrouble;    // of the connection, for people; empty: none
+  std::uint64_t spooledDatasets = 0;
+  std::uint64_t spooledBytes = 0;  // of their files
+  std::uint64_t overflows = 0;     // how often the backlog was given up
+  std::string lastOverflow;        // why, the last time
+  bool isFinished = false;         // see Finish
+  std::string lastTrouble;         // of the connection, for people; empty: none
   ErrorCode failureCode = ErrorCode::kProtocol;
   std::string failure;  // why it stopped for good; empty: it did not
 };
@@ -127,6 +146,9 @@ class SourceEngine {
   void Completed(WindowFetched&& result, const Moment& now);
   void Completed(RunsPacked&& result, const Moment& now);
   void Completed(BuffersPacked&& result, const Moment& now);
+  void Completed(SpoolDone&& result, const Moment& now);
+  void Completed(SpoolLoaded&& result, const Moment& now);
+  void Completed(CheckpointDone&& result, const Moment& now);
   void Tick(const Moment& now);
 
   // When Tick is due at the latest, on the steady clock.
@@ -141,11 +163,19 @@ class SourceEngine {
   WriteResult Write(std::uint8_t volume, std::uint64_t offset,
                     std::shared_ptr<const std::uint8_t[]> data, std::uint32_t length,
                     const Moment& now);
-  // Closes the open dataset, or an empty one when none is open. Returns its number; 0 before the
-  // first WELCOME, when numbers are not known yet.
-  std::uint64_t CloseDataset(const Moment& now);
+  // Closes the open dataset, or an empty one when none is open, with everything that was captured
+  // so far. Returns its number; 0 when there is no order that it could be a point of: before the
+  // first WELCOME, when the backlog was given up, and until what is stale begins to be compared.
+  // `consistent`: the point is one of the application's own.
+  std::uint64_t CloseDataset(const Moment& now, bool consistent = false);
   // Wants all volumes compared again.
   void Resync(const Moment& now);
+  // Ends the connection until Resume; everything else goes on.
+  void Pause(const Moment& now);
+  void Resume(const Moment& now);
+  // Nothing is captured any more: once IsSettled, clears the change maps. SourceStatus::isFinished
+  // tells when that is done, or could not be.
+  void Finish(const Moment& now);
   // Says BYE and stops.
   void Stop(const Moment& now);
 
@@ -157,9 +187,10 @@ class SourceEngine {
  private:
   using Cursor = SourceCursor;
   using Window = SourceWindow;
-  struct ResyncRange {
+  using Ranges = std::vector<ChangeMap::Range>;
+  struct ResyncPart {
     std::uint8_t volume = 0;
-    std::uint64_t offset = 0;
+    bool isFirst = false;  // of its volume, in its pass
     std::uint64_t length = 0;
   };
 
@@ -171,8 +202,10 @@ class SourceEngine {
   void SendHello();
   void TakeFrame(const Frame& frame, const Moment& now);
   void TakeWelcome(const Frame& frame, const Moment& now);
-  bool TakeHistory(const Welcome& welcome);
-  void BeginEpoch(const Welcome& welcome);
+  bool TakeHistory(const Welcome& welcome, const Moment& now);
+  bool BeginHistory(const Welcome& welcome);
+  void MakePipeline();
+  void TickOnline(const Moment& now);
   void TakeReport(FrameType type, const Frame& frame, const Moment& now);
   void TakeError(const Frame& frame, const Moment& now);
   void Refuse(const std::string& why, const Moment& now);
@@ -184,6 +217,7 @@ class SourceEngine {
 
   // source_pipe.cpp: datasets on their way.
   void PushNormal(const Moment& now);
+  WriteResult PushWrite(const CapturedWrite& write, const Moment& now);
   std::uint64_t Push(const std::shared_ptr<Dataset>& ds, const Moment& now);
   bool HasOpenNormal() const;
   void CloseNewest();
@@ -197,14 +231,15 @@ class SourceEngine {
   void SplitNormalUnit(Cursor& cursor, const PipeCompressedData& unit);
   void SendStart(Cursor& cursor);
   void SendEnd(Cursor& cursor);
+  void FillStart(Cursor& cursor) const;
   bool FitsWindow(const Cursor& cursor, std::uint64_t bytes) const;
 
   // source_resync.cpp: passes.
   bool PassMayBegin() const;
   void BeginPass();
   void StepPass(const Moment& now);
-  void OpenResync(std::uint8_t volume, std::uint64_t offset, std::uint64_t length,
-                  const Moment& now);
+  Ranges NextRanges();
+  void OpenResync(std::uint8_t volume, const Ranges& ranges, const Moment& now);
   void StepFetch();
   void Fetch(ResyncWork& work, std::size_t index);
   void OfferFingerprints(ResyncWork& work);
@@ -219,6 +254,22 @@ class SourceEngine {
   void WindowSettled(ResyncWork& work, Window& window);
   void EndPass(const Moment& now);
   void AskAgain();  // after a reconnection: windows whose answer did not come
+
+  // source_live.cpp: captured writes, the spool, the clearing of marks.
+  bool MayPushCaptured() const;
+  void PushCaptured(const Moment& now);
+  void StepClose(const Moment& now);
+  void StepSpool(const Moment& now);
+  void SpoolOne(std::uint64_t n, Cursor& cursor);
+  void StoredInSpool(std::uint64_t n, Cursor& cursor);
+  bool LoadFromSpool(Cursor& cursor);
+  static void Unload(Cursor& cursor);
+  void AdoptSpool();
+  void Overflow(const std::string& why, const Moment& now);
+  void ForgetBacklog();
+  void StepCheckpoint(const Moment& now);
+  Millis LiveDeadline() const;
+  void BeginConnect(const Moment& now);
 
   SourceConfig m_config;
   SourceStatus m_status;
@@ -264,16 +315,29 @@ class SourceEngine {
   std::vector<std::uint64_t> m_passed;  // by volume: bytes of the pass that are durable
   std::size_t m_passVolume = 0;
   std::uint64_t m_passOffset = 0;
+  bool m_passHasFirst = false;  // a dataset of the volume at hand was made
   std::map<std::uint64_t, std::unique_ptr<ResyncWork>> m_resyncs;  // not sealed
   std::deque<std::pair<std::uint64_t, std::size_t>> m_refetch;     // n, window
   std::deque<std::pair<std::uint64_t, std::uint64_t>> m_batches;   // n, first block: to be asked
   bool m_kept = false;  // set by the received callback: the buffer at hand is to be sent
   std::map<std::uint64_t, std::uint64_t> m_held;  // by n: bytes reserved until acknowledged
   // By n, until acknowledged.
-  std::map<std::uint64_t, ResyncRange> m_resyncRange;
+  std::map<std::uint64_t, ResyncPart> m_resyncPart;
   std::uint64_t m_reserved = 0;
   std::uint32_t m_fetching = 0;
   std::uint32_t m_inHand = 0;  // windows from their fetching until they are settled
+
+  // Live capture.
+  Millis m_closeAt = 0;
+  std::uint64_t m_spoolJob = 0;    // the dataset that is being written; 0: none
+  bool m_spoolDropping = false;    // nothing is connected before that is over
+  std::uint64_t m_knownEpoch = 0;  // that is durable here
+  Millis m_checkpointAt = 0;
+  bool m_checkpointFailed = false;
+  enum class Clearing : std::uint8_t { kNo, kSyncing, kSaving };
+  Clearing m_clearing = Clearing::kNo;
+  bool m_clearsLast = false;  // the clearing under way is that of Finish
+  bool m_finishing = false;
 
   std::uint64_t m_lastTicket = 0;
   std::map<Ticket, SourceJob> m_jobs;

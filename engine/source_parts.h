@@ -16,6 +16,20 @@
 
 namespace penstock {
 
+// Where the blocks of a dataset are.
+enum class SpoolStage : std::uint8_t {
+  kNone,     // in memory
+  kWriting,  // in memory, and being written to the spool
+  kStored,   // in the spool, and in memory only while they are sent
+  kReading,  // as kStored; being read
+};
+
+// A dataset that an earlier process left in the spool, whole.
+struct SpooledDataset {
+  DatasetStart start;
+  std::uint64_t bytes = 0;  // of its files
+};
+
 // How far a transmitted dataset has been sent on this connection. The blocks stay until the dataset
 // is acknowledged: a retransmission sends the same bytes, so it ends in the same chain value.
 struct SourceCursor {
@@ -32,6 +46,9 @@ struct SourceCursor {
   Digest chain{};  // once ended
   std::uint64_t extents = 0;
   std::uint64_t rawBytes = 0;
+  SpoolStage spool = SpoolStage::kNone;
+  std::uint64_t spoolBytes = 0;  // of its files
+  bool isLoaded = false;         // stored, and its blocks are in memory, too
 };
 
 // The stages of a window of a resync dataset.
@@ -46,8 +63,9 @@ enum class WindowStage : std::uint8_t {
 
 struct SourceWindow {
   WindowStage stage = WindowStage::kToFetch;
-  bool offered = false;      // its fingerprints went through the dataset's requester
-  std::uint64_t offset = 0;  // in the volume
+  bool offered = false;          // its fingerprints went through the dataset's requester
+  std::uint64_t offset = 0;      // in the volume
+  std::uint32_t firstBlock = 0;  // within the dataset
   std::uint32_t length = 0;
   std::shared_ptr<const std::uint8_t[]> data;
   std::vector<std::uint64_t> fingerprints;
@@ -61,12 +79,10 @@ struct ResyncWork {
   std::uint64_t n = 0;
   std::shared_ptr<Dataset> ds;
   std::uint8_t volume = 0;
-  std::uint64_t offset = 0;
-  std::uint64_t length = 0;
-  bool copy = false;  // the target's volume reads as zeros
-  std::vector<SourceWindow> windows;
-  std::size_t toFetch = 0;  // the first window that was never fetched
-  std::size_t toOffer = 0;  // the first whose fingerprints were not offered
+  bool copy = false;                  // the target's volume reads as zeros
+  std::vector<SourceWindow> windows;  // by offset
+  std::size_t toFetch = 0;            // the first window that was never fetched
+  std::size_t toOffer = 0;            // the first whose fingerprints were not offered
   std::size_t settled = 0;
 };
 

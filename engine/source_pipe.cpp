@@ -3,9 +3,17 @@
 #include <algorithm>
 #include <utility>
 
+#include "engine/planted.h"
 #include "engine/source_engine.h"
 
 namespace penstock {
+
+namespace {
+
+// What a write takes beside its data, at most: its places in the dataset, its unit, the change map.
+constexpr std::uint64_t kWriteOverhead = 256;
+
+}  // namespace
 
 // --- Writes and points. ---
 
@@ -15,7 +23,8 @@ bool SourceEngine::HasOpenNormal() const {
 
 std::uint64_t SourceEngine::Push(const std::shared_ptr<Dataset>& ds, const Moment& now) {
   ds->SetDsTimestamp(now.wall);
-  const DS_ERROR result = m_pipe->PushDs(ds, false);
+  // With a spool a dataset is done once it is in the spool, or at the target, which is as good.
+  const DS_ERROR result = m_pipe->PushDs(ds, m_config.spoolBytes > 0);
   if (result != DS_ERROR_OK) {
     GiveUp(ErrorCode::kFailed, "the pipeline refused dataset " + std::to_string(ds->GetN()));
     return 0;
@@ -28,7 +37,9 @@ std::uint64_t SourceEngine::Push(const std::shared_ptr<Dataset>& ds, const Momen
 }
 
 void SourceEngine::PushNormal(const Moment& now) {
-  Push(std::make_shared<Dataset>(m_last + 1, true, m_config.datasetBytes, 0U), now);
+  // What was captured until its dataset was closed belongs together, however much it is.
+  const std::uint64_t most = m_config.feed != nullptr ? ~std::uint64_t{0} : m_config.datasetBytes;
+  Push(std::make_shared<Dataset>(m_last + 1, true, most, 0U), now);
 }
 
 void SourceEngine::CloseNewest() {
@@ -46,10 +57,17 @@ WriteResult SourceEngine::Write(std::uint8_t volume, std::uint64_t offset,
   if (volume >= m_config.volumes.size() || length == 0 || length > m_config.datasetBytes) {
     return WriteResult::kOutside;
   }
+  const WriteResult result = PushWrite({volume, offset, length, std::move(data)}, now);
+  Settle(now);
+  return result;
+}
+
+WriteResult SourceEngine::PushWrite(const CapturedWrite& write, const Moment& now) {
+  const auto& [volume, offset, length, data] = write;
   const std::uint64_t size = m_config.volumes[volume].size;
   if (offset > size || length > size - offset) return WriteResult::kOutside;
   if (!HasOpenNormal()) PushNormal(now);
-  InternalData buf{m_volumeIds[volume], offset, length, std::move(data), 0};
+  InternalData buf{m_volumeIds[volume], offset, length, data, 0};
   DS_ERROR result = m_pipe->PushBuf(buf, length);
   if (result == DS_ERROR_OUT_OF_RANGE) {  // full: the next one takes it
     PushNormal(now);
@@ -59,15 +77,18 @@ WriteResult SourceEngine::Write(std::uint8_t volume, std::uint64_t offset,
     GiveUp(ErrorCode::kFailed, "the pipeline refused a write");
     return WriteResult::kStopped;
   }
-  m_normalHeld[m_last] += length;
-  m_normalBytes += length;
-  Settle(now);
+  const std::uint64_t held = (data ? length : 0) + kWriteOverhead;
+  m_normalHeld[m_last] += held;
+  m_normalBytes += held;
   return WriteResult::kOk;
 }
 
-std::uint64_t SourceEngine::CloseDataset(const Moment& now) {
+std::uint64_t SourceEngine::CloseDataset(const Moment& now, bool consistent) {
   if (!m_pipe || m_status.phase == SourcePhase::kStopped) return 0;
+  if (m_config.feed != nullptr && !MayPushCaptured()) return 0;
+  PushCaptured(now);
   if (!HasOpenNormal()) PushNormal(now);
+  if (consistent) m_newest->SetApplConsistentSnapshot();
   const std::uint64_t n = m_last;
   CloseNewest();
   Settle(now);
@@ -80,15 +101,22 @@ void SourceEngine::AckUpTo(std::uint64_t n) {
   while (!m_cursors.empty() && m_cursors.begin()->first <= n) {
     const auto place = m_cursors.begin();
     const std::uint64_t acked = place->first;
-    m_pipe->Ack(acked, nullptr);
+    if (place->second.spool >= SpoolStage::kStored) {
+      m_commands.emplace_back(SpoolRemove{place->second.start});
+      --m_status.spooledDatasets;
+      m_status.spooledBytes -= place->second.spoolBytes;
+    } else {
+      if (m_config.spoolBytes > 0) m_pipe->MarkStored(acked);
+      m_pipe->Ack(acked, nullptr);
+    }
     m_inFlight -= place->second.bytes;
     m_ackedChain = m_chains[acked] = place->second.chain;
     m_cursors.erase(place);
     m_status.durable = acked;
-    if (const auto range = m_resyncRange.find(acked); range != m_resyncRange.end()) {
-      m_status.passedBytes += range->second.length;
-      m_passed[range->second.volume] += range->second.length;
-      m_resyncRange.erase(range);
+    if (const auto part = m_resyncPart.find(acked); part != m_resyncPart.end()) {
+      m_status.passedBytes += part->second.length;
+      m_passed[part->second.volume] += part->second.length;
+      m_resyncPart.erase(part);
     }
     if (const auto held = m_held.find(acked); held != m_held.end()) {
       m_reserved -= held->second;
@@ -110,6 +138,7 @@ void SourceEngine::FlushedUpTo(std::uint64_t n) {
   while (m_status.flushed < std::min(n, m_base)) ++m_status.flushed;
   for (std::uint64_t k = m_status.flushed + 1; k <= n; ++k) m_pipe->Flushed(k, true);
   m_chains.erase(m_chains.begin(), m_chains.lower_bound(n));
+  if (m_config.feed != nullptr) m_config.feed->Flushed(m_status.flushed);
 }
 
 // --- Sending. ---
@@ -122,6 +151,7 @@ void SourceEngine::ResetCursors() {
     cursor.sent = 0;
     cursor.bytes = cursor.extents = cursor.rawBytes = 0;
     cursor.digest = DatasetDigest();
+    if (cursor.spool >= SpoolStage::kStored) Unload(cursor);
   }
 }
 
@@ -134,7 +164,9 @@ void SourceEngine::Pump() {
 // Returns whether the dataset was sent to its end: only then may the next one begin.
 bool SourceEngine::PumpOne(Cursor& cursor) {
   if (cursor.ended) return true;
-  if (!TakeUnits(cursor)) return false;
+  if (cursor.spool >= SpoolStage::kStored ? !LoadFromSpool(cursor) : !TakeUnits(cursor)) {
+    return false;
+  }
   if (!cursor.started) SendStart(cursor);
   while (cursor.sent < cursor.blocks.size()) {
     const BlockPtr& block = cursor.blocks[cursor.sent];
@@ -150,7 +182,7 @@ bool SourceEngine::PumpOne(Cursor& cursor) {
     m_status.sentBytes += bytes;
     Send(Frame::OfBlock(block));
   }
-  if (!cursor.ds->IsSealed()) return false;
+  if (cursor.ds && !cursor.ds->IsSealed()) return false;
   SendEnd(cursor);
   return true;
 }
@@ -240,7 +272,8 @@ void SourceEngine::Completed(BuffersPacked&& result, const Moment& now) {
   Settle(now);
 }
 
-void SourceEngine::SendStart(Cursor& cursor) {
+// What a transmitted dataset says of itself.
+void SourceEngine::FillStart(Cursor& cursor) const {
   const Dataset& ds = *cursor.ds;
   cursor.start = DatasetStart{};
   cursor.start.n = ds.GetN();
@@ -253,15 +286,19 @@ void SourceEngine::SendStart(Cursor& cursor) {
   // The entries: a resync dataset's volume, also when nothing of it differed; else the volumes by
   // their index.
   if (ds.IsFingerprinted()) {
-    if (const auto range = m_resyncRange.find(ds.GetN()); range != m_resyncRange.end()) {
-      cursor.start.volumes.push_back(m_volumeIds[range->second.volume]);
-      if (range->second.offset == 0 && !isSpoiled) cursor.start.flags |= kStartPassBegins;
+    if (const auto part = m_resyncPart.find(ds.GetN()); part != m_resyncPart.end()) {
+      cursor.start.volumes.push_back(m_volumeIds[part->second.volume]);
+      if (part->second.isFirst && !isSpoiled) cursor.start.flags |= kStartPassBegins;
     }
   } else {
     const auto& indices = cursor.ds->GetVolIdx().first;
     cursor.start.volumes.resize(indices.size());
     for (const auto& [volume, index] : indices) cursor.start.volumes.at(index) = volume;
   }
+}
+
+void SourceEngine::SendStart(Cursor& cursor) {
+  if (cursor.ds) FillStart(cursor);
   const Frame frame = Encode(cursor.start);
   cursor.digest.AddStart(frame.Payload());
   cursor.started = true;
@@ -269,7 +306,7 @@ void SourceEngine::SendStart(Cursor& cursor) {
 }
 
 void SourceEngine::SendEnd(Cursor& cursor) {
-  const std::uint64_t n = cursor.ds->GetN();
+  const std::uint64_t n = cursor.start.n;
   const auto before = m_cursors.find(n - 1);
   cursor.chain =
       cursor.digest.Chain(before == m_cursors.end() ? m_ackedChain : before->second.chain);
@@ -281,7 +318,9 @@ void SourceEngine::SendEnd(Cursor& cursor) {
   end.chain = cursor.chain;
   cursor.ended = cursor.wasSent = true;
   m_status.sent = std::max(m_status.sent, n);
+  if (Planted(Fault::kClearBeforeFlushed) && m_config.feed != nullptr) m_config.feed->Flushed(n);
   Send(Encode(end));
+  if (cursor.spool >= SpoolStage::kStored) Unload(cursor);  // read again if it is sent again
 }
 
 }  // namespace penstock

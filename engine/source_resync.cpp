@@ -42,15 +42,34 @@ void SourceEngine::BeginPass() {
   m_passing = true;
   m_passVolume = 0;
   m_passOffset = 0;
+  m_passHasFirst = false;
   m_passCopies.clear();
   m_passed.assign(m_config.volumes.size(), 0);
   m_status.passBytes = m_status.comparedBytes = m_status.equalBytes = m_status.passedBytes = 0;
   for (std::size_t i = 0; i < m_remote.size(); ++i) {
-    m_status.passBytes += m_config.volumes[i].size;
+    m_status.passBytes += m_config.feed != nullptr
+                              ? m_config.feed->StaleBytes(static_cast<std::uint8_t>(i))
+                              : m_config.volumes[i].size;
     // A new volume is compared with nothing, once: from here on it is not new any more.
     m_passCopies.push_back(m_remote[i].state == VolumeState::kNew);
     m_remote[i].state = VolumeState::kSyncing;
   }
+}
+
+// What the next dataset goes over of the volume at hand: ranges in order, all but the last of whole
+// windows. Empty at its end.
+SourceEngine::Ranges SourceEngine::NextRanges() {
+  if (m_config.feed != nullptr) {
+    Ranges ranges = m_config.feed->TakeStale(static_cast<std::uint8_t>(m_passVolume), m_last + 1,
+                                             m_config.resyncBytes);
+    if (Planted(Fault::kFirstRangeOnly) && ranges.size() > 1) ranges.resize(1);
+    return ranges;
+  }
+  const std::uint64_t left = m_config.volumes[m_passVolume].size - m_passOffset;
+  if (left == 0) return {};
+  const std::uint64_t length = std::min(m_config.resyncBytes, left);
+  const std::uint64_t offset = std::exchange(m_passOffset, m_passOffset + length);
+  return {{offset, length}};
 }
 
 void SourceEngine::StepPass(const Moment& now) {
@@ -58,15 +77,16 @@ void SourceEngine::StepPass(const Moment& now) {
   m_status.resyncing = m_passWanted || m_passing;
   if (!m_passing) return;
   while (!m_passSpoiled && m_passVolume < m_config.volumes.size()) {
-    const std::uint64_t size = m_config.volumes[m_passVolume].size;
-    const std::uint64_t length = std::min(m_config.resyncBytes, size - m_passOffset);
-    if (m_reserved > 0 && m_reserved + length > m_config.memory) return;
-    OpenResync(static_cast<std::uint8_t>(m_passVolume), m_passOffset, length, now);
-    m_passOffset += length;
-    if (m_passOffset == size) {
+    if (m_reserved > 0 && m_reserved + m_config.resyncBytes > m_config.memory) return;
+    const Ranges ranges = NextRanges();
+    if (ranges.empty()) {
       ++m_passVolume;
       m_passOffset = 0;
+      m_passHasFirst = false;
+      continue;
     }
+    OpenResync(static_cast<std::uint8_t>(m_passVolume), ranges, now);
+    m_passHasFirst = true;
   }
   if (m_resyncs.empty()) EndPass(now);
 }
@@ -79,6 +99,8 @@ void SourceEngine::EndPass(const Moment& now) {
     m_passAfter = m_status.closed;
     return;
   }
+  // Whatever the pass read of newer writes was captured before, and is in this one.
+  if (!Planted(Fault::kCompleteTooEarly)) PushCaptured(now);
   if (!HasOpenNormal()) PushNormal(now);
   m_newest->SetInitialSyncComplete();
   m_status.syncedAt = m_last;
@@ -89,18 +111,27 @@ void SourceEngine::EndPass(const Moment& now) {
 
 // --- One resync dataset. ---
 
-void SourceEngine::OpenResync(std::uint8_t volume, std::uint64_t offset, std::uint64_t length,
-                              const Moment& now) {
+void SourceEngine::OpenResync(std::uint8_t volume, const Ranges& ranges, const Moment& now) {
   auto work = std::make_unique<ResyncWork>();
   const std::uint64_t n = work->n = m_last + 1;
   work->volume = volume;
-  work->offset = offset;
-  work->length = length;
   work->copy = m_passCopies[volume];
-  const std::uint64_t blocks = (length + kCompareBytes - 1) / kCompareBytes;
-  work->ds = std::make_shared<Dataset>(
-      n, std::vector<FingerprintRange>{{m_volumeIds[volume], offset, length}},
-      blocks * kCompareBytes);
+  std::vector<FingerprintRange> parts;
+  std::uint64_t length = 0;
+  std::uint64_t blocks = 0;
+  for (const auto& [from, bytes] : ranges) {
+    parts.push_back({m_volumeIds[volume], from, bytes});
+    for (std::uint64_t at = 0; at < bytes; at += kWindowBytes) {
+      SourceWindow window;
+      window.offset = from + at;
+      window.firstBlock = static_cast<std::uint32_t>(blocks);
+      window.length = static_cast<std::uint32_t>(std::min<std::uint64_t>(kWindowBytes, bytes - at));
+      blocks += (window.length + kCompareBytes - 1) / kCompareBytes;
+      work->windows.push_back(std::move(window));
+    }
+    length += bytes;
+  }
+  work->ds = std::make_shared<Dataset>(n, parts, blocks * kCompareBytes);
   work->ds->SetDSReceivedCb(
       [this](const std::shared_ptr<Dataset>&, InternalData&) { m_kept = true; });
   if (!work->copy) {
@@ -110,16 +141,9 @@ void SourceEngine::OpenResync(std::uint8_t volume, std::uint64_t offset, std::ui
           if (!prints.empty()) m_batches.emplace_back(n, id & 0xffffU);
         });
   }
-  for (std::uint64_t from = 0; from < length; from += kWindowBytes) {
-    SourceWindow window;
-    window.offset = offset + from;
-    window.length =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>(kWindowBytes, length - from));
-    work->windows.push_back(std::move(window));
-  }
   m_held[n] = length;
   m_reserved += length;
-  m_resyncRange[n] = {volume, offset, length};
+  m_resyncPart[n] = {volume, !m_passHasFirst, length};
   ResyncWork& kept = *work;
   m_resyncs[n] = std::move(work);
   if (Push(kept.ds, now) == 0) return;
@@ -227,7 +251,7 @@ void SourceEngine::SendQuery(ResyncWork& work, std::size_t index) {
   query.volume = work.volume;
   query.offset = window.offset;
   query.length = window.length;
-  query.firstBlock = static_cast<std::uint32_t>((window.offset - work.offset) / kCompareBytes);
+  query.firstBlock = window.firstBlock;
   query.fingerprints = window.fingerprints;
   Send(Encode(query));
 }
@@ -254,22 +278,23 @@ void SourceEngine::TakeAnswer(const Frame& frame, const Moment& now) {
   const auto place = m_resyncs.find(answer.n);
   if (place == m_resyncs.end()) return Refuse("an answer to no question", now);
   ResyncWork& work = *place->second;
-  const std::uint64_t from = answer.offset - work.offset;
-  const std::size_t index = from / kWindowBytes;
-  if (answer.offset < work.offset || from % kWindowBytes != 0 || index >= work.windows.size() ||
-      answer.volume != work.volume || work.windows[index].length != answer.length ||
-      work.windows[index].stage != WindowStage::kQueried) {
+  const auto found = std::lower_bound(
+      work.windows.begin(), work.windows.end(), answer.offset,
+      [](const SourceWindow& w, std::uint64_t offset) { return w.offset < offset; });
+  if (found == work.windows.end() || found->offset != answer.offset ||
+      answer.volume != work.volume || found->length != answer.length ||
+      found->stage != WindowStage::kQueried) {
     return Refuse("an answer to no question", now);
   }
-  SourceWindow& window = work.windows[index];
+  const std::size_t index = static_cast<std::size_t>(found - work.windows.begin());
+  SourceWindow& window = *found;
   window.stage = WindowStage::kPacking;
   window.answer = std::move(answer.runs);
   const Ticket ticket = ++m_lastTicket;
   m_jobs[ticket] = {work.n, index, m_connCount};
-  m_commands.emplace_back(
-      PackRuns{ticket, 0, window.offset, window.length, window.data, window.answer, m_hello.runKey,
-               work.n, static_cast<std::uint32_t>((window.offset - work.offset) / kCompareBytes),
-               m_config.compress});
+  m_commands.emplace_back(PackRuns{ticket, 0, window.offset, window.length, window.data,
+                                   window.answer, m_hello.runKey, work.n, window.firstBlock,
+                                   m_config.compress});
 }
 
 // --- Deciding. ---

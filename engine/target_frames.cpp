@@ -122,6 +122,10 @@ void TargetGroup::TakeStart(TargetPeer& peer, const Frame& frame) {
   arrival->n = start.n;
   arrival->conn = peer.conn;
   arrival->direct = start.datasetType == 2;
+  if (arrival->direct && (start.flags & kStartPassBegins) != 0) {
+    for (const HelloVolume& volume : peer.hello.volumes)
+      arrival->passVolumes.push_back(volume.name);
+  }
   arrival->record = FileRecord(frame, start);
   arrival->digest.AddStart(frame.Payload());
   arrival->start = std::move(start);

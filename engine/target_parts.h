@@ -78,6 +78,7 @@ struct Arrival {
   DatasetStart start;
   std::shared_ptr<OM_DP::DatasetStartv2> record;  // START as it goes to the files
   std::vector<std::string> volumes;               // the entries' names
+  std::vector<std::string> passVolumes;           // one that begins a resync: its source's
   bool direct = false;   // a resync: written to its volumes, not to the journal
   bool allowed = false;  // direct: everything before it is in the volumes, and they say "syncing"
   bool ended = false;    // END was right

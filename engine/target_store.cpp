@@ -88,12 +88,23 @@ bool TargetGroup::MayWriteDirect(const Arrival& arrival) {
     const bool alone = m_arrivals.front().get() == &arrival && m_state.flushed == m_state.durable;
     if (!alone || m_committing) return false;
   }
+  const auto sync = [&](const VolumeRecord& volume) {
+    VolumeRecord changed = volume;
+    changed.goodAt = volume.state == VolumeState::kGood ? m_state.flushed : volume.goodAt;
+    changed.state = VolumeState::kSyncing;
+    m_changed[volume.name] = std::move(changed);
+  };
+  // A resync of one volume takes all that its source has from their common point.
+  bool isReady = true;
+  for (const std::string& other : arrival.passVolumes) {
+    const VolumeRecord& known = m_volumes.at(other).record;
+    if (known.state != VolumeState::kGood) continue;
+    sync(known);
+    isReady = false;
+  }
   const bool stays = record.state == VolumeState::kNeedsResync && !begins;
-  if (record.state == VolumeState::kSyncing || stays) return true;
-  VolumeRecord changed = record;
-  changed.goodAt = record.state == VolumeState::kGood ? m_state.flushed : record.goodAt;
-  changed.state = VolumeState::kSyncing;
-  m_changed[name] = changed;
+  if (record.state == VolumeState::kSyncing || stays) return isReady;
+  sync(record);
   return false;
 }
 

@@ -309,7 +309,7 @@ TEST_F(SourcePass, AllMemoryIsReturned) {
   All(Status().closed);
   EXPECT_EQ(m_engine->MemoryUsed(), 0U);
   EXPECT_TRUE(m_engine->m_held.empty());
-  EXPECT_TRUE(m_engine->m_resyncRange.empty());
+  EXPECT_TRUE(m_engine->m_resyncPart.empty());
   EXPECT_TRUE(m_engine->m_jobs.empty());
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "codec/dataset_file.h"
 #include "codec/hash.h"
 #include "engine/commands.h"
 #include "tests/sim/rng.h"
@@ -71,6 +72,20 @@ class Disk {
   bool m_misdirect = false;
   bool m_syncFailed = false;
   bool m_misdirected = false;
+};
+
+// A file of the disk, as the reader of dataset files takes it.
+class SimFile : public FileBytes {
+ public:
+  SimFile(const Disk& disk, std::string path) : m_disk(disk), m_path(std::move(path)) {}
+  std::uint64_t Size() const override { return m_disk.Size(m_path); }
+  bool Read(std::uint64_t offset, std::uint8_t* out, std::size_t size) override {
+    return m_disk.Read(m_path, offset, out, size);
+  }
+
+ private:
+  const Disk& m_disk;
+  std::string m_path;
 };
 
 }  // namespace penstock::sim

@@ -64,7 +64,9 @@ void Link::SendRaw(ConnId id, Side from, std::vector<std::uint8_t> bytes) {
     return;
   }
   if (m_world.Strikes(faults.repeat)) Schedule(id, to, bytes);
-  if (!m_old.empty() && m_world.Strikes(faults.late)) {
+  // A stream begins with its own bytes.
+  const bool isFirst = !std::exchange(conn->ends[Index(from)].hasSent, true);
+  if (!isFirst && !m_old.empty() && m_world.Strikes(faults.late)) {
     Schedule(id, to, m_old[m_world.rng.Below(m_old.size())]);
   }
   Schedule(id, to, std::move(bytes));

@@ -46,6 +46,7 @@ class Link {
     FrameReader reader;
     FrameWriter writer;
     bool open = true;
+    bool hasSent = false;
     Millis lastArrival = 0;  // of what was sent to it
   };
   struct Conn {

@@ -13,6 +13,7 @@
 
 #include "engine/planted.h"
 #include "tests/sim/check.h"
+#include "tests/sim/live_run.h"
 #include "tests/sim/rogue.h"
 #include "tests/sim/source_node.h"
 #include "tests/sim/target_node.h"
@@ -237,10 +238,14 @@ struct Options {
   std::string plant;
   bool planted = false;
   bool verbose = false;
+  bool live = false;
 };
+
+LiveTotals g_liveTotals;
 
 // Returns what was broken; empty: nothing.
 std::string RunOne(std::uint64_t seed, const Options& options) {
+  if (options.live) return RunLive(seed, options.steps, options.verbose, g_liveTotals);
   Simulation simulation(seed, options.verbose);
   try {
     simulation.Run(options.steps);
@@ -256,8 +261,9 @@ int RunSeeds(const Options& options) {
     const std::uint64_t seed = options.seed + i;
     const std::string broken = RunOne(seed, options);
     if (broken.empty()) continue;
-    std::printf("FAILED %s\nrepeat: penstock-sim --seed %llu --seeds 1 --steps %llu --verbose\n",
-                broken.c_str(), static_cast<unsigned long long>(seed),
+    std::printf("FAILED %s\nrepeat: penstock-sim %s--seed %llu --seeds 1 --steps %llu --verbose\n",
+                broken.c_str(), options.live ? "--live " : "",
+                static_cast<unsigned long long>(seed),
                 static_cast<unsigned long long>(options.steps));
     return 1;
   }
@@ -265,6 +271,11 @@ int RunSeeds(const Options& options) {
               static_cast<unsigned long long>(options.seeds),
               static_cast<unsigned long long>(options.seed),
               static_cast<unsigned long long>(options.steps));
+  if (options.live) {
+    std::printf("%llu datasets were spooled, %llu backlogs given up\n",
+                static_cast<unsigned long long>(g_liveTotals.spooled),
+                static_cast<unsigned long long>(g_liveTotals.overflows));
+  }
   return 0;
 }
 
@@ -272,7 +283,10 @@ int RunSeeds(const Options& options) {
 // Each planted fault must be caught within the seeds.
 int RunPlanted(const Options& options) {
   int missed = 0;
-  for (const auto& [fault, name] : kPlantedFaults) {
+  std::vector<std::pair<Fault, std::string_view>> faults(kPlantedFaults.begin(),
+                                                         kPlantedFaults.end());
+  if (options.live) faults.assign(kPlantedLiveFaults.begin(), kPlantedLiveFaults.end());
+  for (const auto& [fault, name] : faults) {
     if (!options.plant.empty() && options.plant != name) continue;
     g_plantedFault = fault;
     std::string broken;
@@ -304,6 +318,7 @@ int main(int argc, char** argv) {
   app.add_option("--seed", options.seed, "the first seed");
   app.add_option("--seeds", options.seeds, "how many seeds to run");
   app.add_option("--steps", options.steps, "steps of the workload in each run");
+  app.add_flag("--live", options.live, "the source's volumes are in use");
   app.add_flag("--verbose", options.verbose, "print what happens");
 #ifdef PENSTOCK_PLANTED_FAULTS
   app.add_flag("--planted", options.planted, "switch on each planted fault and demand its catch");

@@ -9,19 +9,6 @@ namespace penstock::sim {
 
 namespace {
 
-class SimFile : public FileBytes {
- public:
-  SimFile(const Disk& disk, std::string path) : m_disk(disk), m_path(std::move(path)) {}
-  std::uint64_t Size() const override { return m_disk.Size(m_path); }
-  bool Read(std::uint64_t offset, std::uint8_t* out, std::size_t size) override {
-    return m_disk.Read(m_path, offset, out, size);
-  }
-
- private:
-  const Disk& m_disk;
-  std::string m_path;
-};
-
 class SimSink : public BlockSink {
  public:
   SimSink(World& world, Disk& disk, std::string path, std::uint64_t writes)

@@ -155,6 +155,17 @@ void TargetNode::Timer() {
   });
 }
 
+void TargetNode::CheckQuiet() {
+  if (!Listens()) return;
+  for (const auto& group : m_engine->m_groups) {
+    const GroupState& state = group->m_state;
+    const bool isQuiet = group->m_arrivals.empty() && group->m_applied == state.durable &&
+                         state.flushed == state.durable && !group->m_committing &&
+                         !group->m_syncing && group->m_changed.empty();
+    if (isQuiet && state.durable > 0) m_checker.Recovered(group->Status(), m_disk);
+  }
+}
+
 void TargetNode::CheckSent(const SendFrame& send) {
   const FrameType type = send.frame.type;
   if (type == FrameType::kWelcome) {

@@ -33,6 +33,8 @@ class TargetNode {
   // A peer connects: what its end of the connection is told goes to `source`.
   ConnId Accept(EndEvents source, const std::string& identity);
 
+  // With nothing under way, what is said to be good has to be. I1.
+  void CheckQuiet();
   Disk& disk() { return m_disk; }
   const TargetEngine* engine() const { return m_engine.get(); }
   // The epoch that each connection's source believes in, and the connections of rogues.

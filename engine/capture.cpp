@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine/capture.h"
+
+#include <utility>
+
+#include "codec/compare.h"
+#include "engine/planted.h"
+
+namespace penstock {
+
+namespace {
+
+// What a captured write takes beside its data.
+constexpr std::uint64_t kOverhead = sizeof(CapturedWrite) + 32;
+
+}  // namespace
+
+Capture::Capture(const CaptureOptions& options) : m_options(options), m_pending{m_open} {
+  m_maps.reserve(options.volumes.size());
+  for (const CaptureVolume& volume : options.volumes) {
+    m_maps.emplace_back(volume.map, volume.size, options.extentBytes, options.hotExtents);
+  }
+}
+
+void Capture::Load(std::uint8_t volume, std::uint64_t index, const MapSector& sector) {
+  const std::lock_guard lock(m_mutex);
+  m_maps.at(volume).Load(index, sector);
+}
+
+void Capture::LoadNothing(std::uint8_t volume) {
+  const std::lock_guard lock(m_mutex);
+  m_maps.at(volume).MarkAll();
+}
+
+// --- The guest's side. ---
+
+std::uint64_t Capture::BeginWrite(std::uint8_t volume, std::uint64_t offset, std::uint64_t length) {
+  const std::lock_guard lock(m_mutex);
+  const std::uint64_t generation = m_maps.at(volume).Begin(offset, length);
+  return Planted(Fault::kMarkAfterWrite) ? 0 : generation;
+}
+
+bool Capture::Captured(CapturedWrite write) {
+  const std::lock_guard lock(m_mutex);
+  ++m_count;
+  m_bytes += write.length;
+  ChangeMap& map = m_maps.at(write.volume);
+  if (!m_recording) {
+    const bool forgets = Planted(Fault::kTrackingForgetsTrim) && !write.data;
+    map.End(write.offset, write.length, forgets ? m_open : 0);
+    return false;
+  }
+  map.End(write.offset, write.length, m_open);
+  m_held += (write.data ? write.length : 0) + kOverhead;
+  m_writes.push_back(std::move(write));
+  if (Planted(Fault::kCaptureOrder) && m_writes.size() > 1) {
+    std::swap(m_writes.back(), m_writes[m_writes.size() - 2]);
+  }
+  if (m_held > m_options.memory + m_options.datasetBytes) {
+    // Nobody has taken anything for long.
+    LoseLocked();
+    return true;
+  }
+  const bool isFirst = m_held >= m_options.datasetBytes && !m_closeWanted;
+  m_closeWanted = m_closeWanted || isFirst;
+  return isFirst;
+}
+
+void Capture::Failed(std::uint8_t volume, std::uint64_t offset, std::uint64_t length) {
+  const std::lock_guard lock(m_mutex);
+  m_maps.at(volume).End(offset, length, 0);
+}
+
+// --- Saving. ---
+
+std::uint64_t Capture::UnsavedGeneration(std::uint8_t volume) const {
+  const std::lock_guard lock(m_mutex);
+  return m_maps.at(volume).UnsavedGeneration();
+}
+
+bool Capture::IsSaved(std::uint8_t volume, std::uint64_t generation) const {
+  const std::lock_guard lock(m_mutex);
+  return m_maps.at(volume).SavedGeneration() >= generation;
+}
+
+std::optional<ChangeMap::Save> Capture::TakeUnsaved(std::uint8_t volume) {
+  const std::lock_guard lock(m_mutex);
+  ChangeMap& map = m_maps.at(volume);
+  if (!map.HasUnsaved()) return std::nullopt;
+  return map.TakeUnsaved();
+}
+
+void Capture::Saved(std::uint8_t volume, std::uint64_t generation) {
+  const std::lock_guard lock(m_mutex);
+  m_maps.at(volume).Saved(generation);
+}
+
+// --- For people. ---
+
+std::uint64_t Capture::BytesHeld() const {
+  const std::lock_guard lock(m_mutex);
+  return m_held;
+}
+
+std::uint64_t Capture::Writes() const {
+  const std::lock_guard lock(m_mutex);
+  return m_count;
+}
+
+std::uint64_t Capture::BytesWritten() const {
+  const std::lock_guard lock(m_mutex);
+  return m_bytes;
+}
+
+std::uint64_t Capture::Marks() const {
+  const std::lock_guard lock(m_mutex);
+  std::uint64_t marks = 0;
+  for (const ChangeMap& map : m_maps) marks += map.Marks();
+  return marks;
+}
+
+std::uint64_t Capture::TotalStale() const {
+  const std::lock_guard lock(m_mutex);
+  std::uint64_t bytes = 0;
+  for (const ChangeMap& map : m_maps) bytes += map.StaleBytes();
+  return bytes;
+}
+
+// --- The engine's side. ---
+
+void Capture::Begin(const std::vector<bool>& whole) {
+  const std::lock_guard lock(m_mutex);
+  m_recording = true;
+  for (std::size_t i = 0; i < m_maps.size(); ++i) {
+    if (i < whole.size() && whole[i]) m_maps[i].MarkAll();
+  }
+}
+
+void Capture::Lose() {
+  const std::lock_guard lock(m_mutex);
+  LoseLocked();
+}
+
+void Capture::LoseLocked() {
+  m_recording = false;
+  m_writes = {};
+  m_held = 0;
+  m_closeWanted = false;
+  // Of the places that are under way nothing comes any more; they are stale, and so no place can
+  // be too early with saying that it is flushed.
+  for (ChangeMap& map : m_maps) map.Lose();
+  m_placeOf.clear();
+  m_open = ++m_lastPlace;
+  m_pending = {m_open};
+}
+
+bool Capture::IsRecording() const {
+  const std::lock_guard lock(m_mutex);
+  return m_recording;
+}
+
+bool Capture::HasWrites() const {
+  const std::lock_guard lock(m_mutex);
+  return !m_writes.empty();
+}
+
+std::vector<CapturedWrite> Capture::TakeWrites(std::uint64_t n) {
+  const std::lock_guard lock(m_mutex);
+  m_held = 0;
+  m_closeWanted = false;
+  m_placeOf.emplace(n, m_open);
+  m_open = ++m_lastPlace;
+  m_pending.insert(m_open);
+  return std::exchange(m_writes, {});
+}
+
+void Capture::OpenPlace() {
+  m_pending.erase(m_open);
+  m_open = ++m_lastPlace;
+  m_pending.insert(m_open);
+}
+
+std::uint64_t Capture::StaleBytes(std::uint8_t volume) const {
+  const std::lock_guard lock(m_mutex);
+  return m_maps.at(volume).StaleBytes();
+}
+
+std::vector<ChangeMap::Range> Capture::TakeStale(std::uint8_t volume, std::uint64_t n,
+                                                 std::uint64_t most) {
+  const std::lock_guard lock(m_mutex);
+  ChangeMap& map = m_maps.at(volume);
+  if (map.StaleBytes() == 0) return {};
+  const Place place = ++m_lastPlace;
+  m_placeOf.emplace(n, place);
+  m_pending.insert(place);
+  return map.TakeStale(place, most, kWindowBytes);
+}
+
+void Capture::Flushed(std::uint64_t n) {
+  const std::lock_guard lock(m_mutex);
+  // Nothing is in the open place: another does as well, behind those of the resyncs under way.
+  if (m_writes.empty()) OpenPlace();
+  const auto end = m_placeOf.upper_bound(n);
+  for (auto place = m_placeOf.begin(); place != end; ++place) m_pending.erase(place->second);
+  m_placeOf.erase(m_placeOf.begin(), end);
+  Place flushed = *m_pending.begin() - 1;
+  if (Planted(Fault::kOpenWritesFlushed)) flushed = m_lastPlace;
+  for (ChangeMap& map : m_maps) map.Flushed(flushed);
+}
+
+std::size_t Capture::ColdExtents() const {
+  const std::lock_guard lock(m_mutex);
+  std::size_t count = 0;
+  for (const ChangeMap& map : m_maps) count += map.ColdExtents();
+  return count;
+}
+
+void Capture::BeginClear() {
+  const std::lock_guard lock(m_mutex);
+  for (ChangeMap& map : m_maps) map.BeginClear();
+}
+
+void Capture::EndClear() {
+  const std::lock_guard lock(m_mutex);
+  for (ChangeMap& map : m_maps) map.EndClear();
+}
+
+void Capture::Cool() {
+  const std::lock_guard lock(m_mutex);
+  for (ChangeMap& map : m_maps) map.Cool();
+}
+
+}  // namespace penstock

@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: Apache-2.0
+// The source of running volumes: what was captured becomes datasets, what the link does not take
+// goes to the spool, what the spool does not take is given up and only marked, and marks that are
+// not needed any more are cleared.
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "engine/planted.h"
+#include "engine/source_engine.h"
+
+namespace penstock {
+
+// --- Datasets. ---
+
+// While a pass is due, the target may stand at a point that was good: what is captured now does not
+// follow from it, and waits for the first dataset of the pass.
+bool SourceEngine::MayPushCaptured() const {
+  return m_config.feed != nullptr && m_pipe && (!m_passWanted || m_passing);
+}
+
+// Takes what was captured so far into the open dataset, or a new one.
+void SourceEngine::PushCaptured(const Moment& now) {
+  SourceFeed* const feed = m_config.feed;
+  if (feed == nullptr || !feed->HasWrites()) return;
+  if (!HasOpenNormal()) PushNormal(now);
+  for (const CapturedWrite& write : feed->TakeWrites(m_last)) {
+    if (PushWrite(write, now) != WriteResult::kOk) return;
+  }
+}
+
+// Closes by the clock.
+void SourceEngine::StepClose(const Moment& now) {
+  if (!MayPushCaptured() || now.steady < m_closeAt) return;
+  m_closeAt = now.steady + m_config.interval;
+  if (!m_config.feed->HasWrites()) return;
+  PushCaptured(now);
+  CloseNewest();
+}
+
+Millis SourceEngine::LiveDeadline() const {
+  Millis next = std::numeric_limits<Millis>::max();
+  if (m_config.feed == nullptr) return next;
+  if (m_pipe) next = m_closeAt;
+  if (m_pipe && m_clearing == Clearing::kNo && m_config.feed->ColdExtents() > 0) {
+    next = std::min(next, m_checkpointAt);
+  }
+  return next;
+}
+
+// --- The spool. ---
+
+// Datasets that an earlier process left follow what the target has, or are worth nothing.
+void SourceEngine::AdoptSpool() {
+  for (SpooledDataset& found : std::exchange(m_config.spooled, {})) {
+    const std::uint64_t n = found.start.n;
+    if (n != m_last + 1 && !(Planted(Fault::kSpoolGap) && n > m_last)) {
+      m_commands.emplace_back(SpoolRemove{found.start});
+      continue;
+    }
+    Push(std::make_shared<Dataset>(n, true, ~std::uint64_t{0}, 0U), {0, found.start.timestampMs});
+    CloseNewest();
+    Cursor& cursor = m_cursors.at(n);
+    cursor.start = std::move(found.start);
+    cursor.spoolBytes = found.bytes;
+    StoredInSpool(n, cursor);
+  }
+}
+
+// It is durable here: the pipeline need not hold it any longer.
+void SourceEngine::StoredInSpool(std::uint64_t n, Cursor& cursor) {
+  cursor.spool = SpoolStage::kStored;
+  cursor.ds.reset();
+  cursor.units.reset();
+  cursor.isLoaded = cursor.started && !cursor.ended;
+  if (!cursor.isLoaded) Unload(cursor);
+  ++m_status.spooledDatasets;
+  m_status.spooledBytes += cursor.spoolBytes;
+  if (const auto held = m_normalHeld.find(n); held != m_normalHeld.end()) {
+    m_normalBytes -= held->second;
+    m_normalHeld.erase(held);
+  }
+  m_pipe->MarkStored(n);
+  m_pipe->Ack(n, nullptr);
+}
+
+// Spools from the oldest on, so that the spool and the target together never miss one between them.
+void SourceEngine::StepSpool(const Moment& now) {
+  if (m_config.feed == nullptr || !m_pipe) return;
+  if (!m_config.feed->IsRecording() ||
+      m_normalBytes > m_config.liveMemory + m_config.datasetBytes) {
+    return Overflow("its memory is full", now);
+  }
+  if (m_config.spoolBytes == 0) {
+    if (m_normalBytes > m_config.liveMemory) Overflow("its memory is full, without a spool", now);
+    return;
+  }
+  // What can't be sent before the process ends goes to the spool whole.
+  const bool isLeaving = m_finishing && m_status.phase != SourcePhase::kOnline;
+  const std::uint64_t most = isLeaving ? 0 : m_config.liveMemory / 2;
+  if (m_normalBytes <= most || m_spoolJob != 0 || m_spoolDropping) return;
+  const auto next = std::find_if(m_cursors.begin(), m_cursors.end(), [](const auto& entry) {
+    return entry.second.spool < SpoolStage::kStored;
+  });
+  // A resync dataset can't be kept; what follows it has to wait.
+  if (next == m_cursors.end() || next->second.ds->IsFingerprinted()) return;
+  Cursor& cursor = next->second;
+  if (!TakeUnits(cursor)) return;
+  std::uint64_t bytes = 0;
+  for (const BlockPtr& block : cursor.blocks) {
+    if (!block) return;  // being packed
+    bytes += RecordBytes(*block).size();
+  }
+  if (m_status.spooledBytes + bytes > m_config.spoolBytes) {
+    return Overflow("its spool is full", now);
+  }
+  SpoolOne(next->first, cursor);
+}
+
+void SourceEngine::SpoolOne(std::uint64_t n, Cursor& cursor) {
+  FillStart(cursor);
+  cursor.spool = SpoolStage::kWriting;
+  m_spoolJob = n;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {n, 0, 0};
+  m_commands.emplace_back(SpoolWrite{ticket, cursor.start, cursor.blocks});
+}
+
+void SourceEngine::Completed(SpoolDone&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const std::uint64_t n = job->second.n;
+  m_jobs.erase(job);
+  if (m_status.phase == SourcePhase::kStopped) return;
+  if (n == 0) {  // SpoolDrop
+    m_spoolDropping = false;
+    if (result.status != IoStatus::kOk) {
+      Say(NoteLevel::kError, "can't empty the spool: " + result.error);
+      m_config.spoolBytes = 0;
+      return GiveUp(ErrorCode::kFailed, "can't empty the spool: " + result.error +
+                                            "; mend that, and start the source again");
+    }
+    return Settle(now);
+  }
+  m_spoolJob = 0;
+  const auto place = m_cursors.find(n);
+  if (place == m_cursors.end()) {  // the target has it already
+    DatasetStart start;
+    start.n = n;
+    m_commands.emplace_back(SpoolRemove{std::move(start)});
+  } else if (result.status != IoStatus::kOk) {
+    return Overflow("its spool failed: " + result.error, now);
+  } else {
+    place->second.spoolBytes = result.bytes;
+    if (result.writer) m_pipe->AddSerializer(n, result.writer);
+    StoredInSpool(n, place->second);
+  }
+  Settle(now);
+}
+
+void SourceEngine::Unload(Cursor& cursor) {
+  cursor.blocks = {};
+  cursor.isLoaded = false;
+}
+
+// Returns whether the blocks are there.
+bool SourceEngine::LoadFromSpool(Cursor& cursor) {
+  if (cursor.spool == SpoolStage::kReading) return false;
+  if (cursor.isLoaded) return true;
+  cursor.spool = SpoolStage::kReading;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {cursor.start.n, 0, 0};
+  m_commands.emplace_back(SpoolRead{ticket, cursor.start});
+  return false;
+}
+
+void SourceEngine::Completed(SpoolLoaded&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const std::uint64_t n = job->second.n;
+  m_jobs.erase(job);
+  if (m_status.phase == SourcePhase::kStopped) return;
+  const auto place = m_cursors.find(n);
+  if (place == m_cursors.end()) return;  // the target has it already
+  if (result.status != IoStatus::kOk) {
+    return Overflow("its spool can't be read: " + result.error, now);
+  }
+  Cursor& cursor = place->second;
+  cursor.spool = SpoolStage::kStored;
+  cursor.blocks = std::move(result.blocks);
+  cursor.isLoaded = true;
+  Settle(now);
+}
+
+// --- Giving up. ---
+
+// The backlog goes as a whole: from here on what changes is marked, until the target is reached
+// again and everything that is marked has been compared.
+void SourceEngine::Overflow(const std::string& why, const Moment& now) {
+  ++m_status.overflows;
+  m_status.lastOverflow = why;
+  Say(NoteLevel::kNotice, "tracking only, the backlog is given up: " + why);
+  m_config.feed->Lose();
+  if (m_conn != 0) m_commands.emplace_back(CloseConn{m_conn, "the backlog is given up"});
+  m_conn = 0;
+  ForgetBacklog();
+  if (m_config.spoolBytes > 0 && !Planted(Fault::kSpoolAge)) {
+    // Not before that is durable may the target get anything new: what the spool holds would be
+    // older, and a crash could bring it back.
+    m_spoolDropping = true;
+    const Ticket ticket = ++m_lastTicket;
+    m_jobs[ticket] = {0, 0, 0};
+    m_commands.emplace_back(SpoolDrop{ticket});
+  }
+  if (m_status.phase == SourcePhase::kPaused) return;
+  SetPhase(SourcePhase::kBackoff);
+  m_deadline = now.steady;
+}
+
+void SourceEngine::ForgetBacklog() {
+  m_cursors.clear();
+  m_resyncs.clear();
+  m_refetch.clear();
+  m_batches.clear();
+  m_held.clear();
+  m_normalHeld.clear();
+  m_resyncPart.clear();
+  m_jobs.clear();  // what they are answered with is for nobody
+  m_chains.clear();
+  m_newest.reset();
+  m_newestClosed = true;
+  m_pipe.reset();
+  m_inFlight = m_normalBytes = m_reserved = 0;
+  m_fetching = m_inHand = 0;
+  m_passing = m_passWanted = m_passSpoiled = false;
+  m_spoiledUpTo = m_passAfter = 0;
+  m_spoolJob = 0;
+  m_clearing = Clearing::kNo;
+  m_status.spooledDatasets = m_status.spooledBytes = 0;
+  m_status.syncedAt = 0;
+  m_status.resyncing = true;
+}
+
+// --- Marks. ---
+
+// The epoch is made durable when it is new; marks are cleared in batches.
+void SourceEngine::StepCheckpoint(const Moment& now) {
+  if (m_config.feed == nullptr || !m_pipe || m_clearing != Clearing::kNo) return;
+  const bool ends = m_finishing && !m_status.isFinished && IsSettled();
+  if (ends) m_config.feed->Cool();
+  const std::size_t cold = m_config.feed->ColdExtents();
+  const bool isDue = now.steady >= m_checkpointAt && cold > 0;
+  const bool isNew = m_knownEpoch != m_status.epoch && now.steady >= m_checkpointAt;
+  if (!ends && !isNew && !isDue && cold < m_config.clearExtents) return;
+  if (!ends && now.steady < m_checkpointAt && m_checkpointFailed) return;
+  m_config.feed->BeginClear();
+  m_clearing = Clearing::kSyncing;
+  m_clearsLast = ends;
+  if (Planted(Fault::kClearBeforeSync)) m_config.feed->EndClear();
+  m_checkpointAt = now.steady + m_config.clearAfter;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {m_status.epoch, 0, 0};
+  m_commands.emplace_back(Checkpoint{ticket, m_status.epoch, m_status.flushed});
+}
+
+void SourceEngine::Completed(CheckpointDone&& result, const Moment& now) {
+  const auto job = m_jobs.find(result.ticket);
+  if (job == m_jobs.end()) return;
+  const std::uint64_t epoch = job->second.n;
+  m_jobs.erase(job);
+  m_checkpointFailed = result.status != IoStatus::kOk;
+  if (m_checkpointFailed) {
+    Say(NoteLevel::kError, "can't clear the change map: " + result.error);
+    m_clearing = Clearing::kNo;
+    m_status.isFinished = m_clearsLast;
+  } else if (m_clearing == Clearing::kSyncing) {
+    m_knownEpoch = epoch;
+    m_config.feed->EndClear();
+    m_clearing = Clearing::kSaving;
+    const Ticket ticket = ++m_lastTicket;
+    m_jobs[ticket] = {0, 0, 0};
+    m_commands.emplace_back(SaveMaps{ticket});
+  } else {
+    m_clearing = Clearing::kNo;
+    m_status.isFinished = m_clearsLast;
+  }
+  Settle(now);
+}
+
+void SourceEngine::Finish(const Moment& now) {
+  m_finishing = true;
+  m_checkpointFailed = false;
+  Settle(now);
+}
+
+}  // namespace penstock
