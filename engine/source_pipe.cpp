@@ -77,7 +77,8 @@ WriteResult SourceEngine::PushWrite(const CapturedWrite& write, const Moment& no
     GiveUp(ErrorCode::kFailed, "the pipeline refused a write");
     return WriteResult::kStopped;
   }
-  const std::uint64_t held = (data ? length : 0) + kWriteOverhead;
+  const bool isLive = m_config.feed != nullptr;
+  const std::uint64_t held = isLive ? (data ? length : 0) + kWriteOverhead : length;
   m_normalHeld[m_last] += held;
   m_normalBytes += held;
   return WriteResult::kOk;
