@@ -132,8 +132,8 @@ struct BuffersPacked {
 // order. A spool has an age, a number that is made durable before anything is written under it:
 // whatever a spool of another age left behind is not read again.
 
-// Write a closed dataset, whole: one file for each of its volumes, or one in the group's name when
-// it has none; the trailer, the files and their directories synced. Answered by SpoolDone.
+// Write a closed dataset, whole: one file for each of its volumes; the trailer, the files and their
+// directories synced. Answered by SpoolDone.
 struct SpoolWrite {
   Ticket ticket = 0;
   DatasetStart start;

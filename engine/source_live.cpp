@@ -119,6 +119,8 @@ void SourceEngine::StepSpool(const Moment& now) {
 
 void SourceEngine::SpoolOne(std::uint64_t n, Cursor& cursor) {
   FillStart(cursor);
+  // What is to be found again has a file, also when nothing is in it.
+  if (cursor.start.volumes.empty()) cursor.start.volumes.push_back(m_volumeIds.front());
   cursor.spool = SpoolStage::kWriting;
   m_spoolJob = n;
   const Ticket ticket = ++m_lastTicket;

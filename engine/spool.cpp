@@ -9,15 +9,10 @@
 
 namespace penstock {
 
-std::vector<UuidT> SpoolVolumesOf(const DatasetStart& start) {
-  if (start.volumes.empty()) return {start.group};
-  return start.volumes;
-}
-
 std::vector<SpoolFile> SpoolFilesOf(const DatasetStart& start,
                                     const std::vector<BlockPtr>& blocks) {
   std::vector<SpoolFile> files;
-  for (const UuidT& volume : SpoolVolumesOf(start)) files.push_back({volume, {}});
+  for (const UuidT& volume : start.volumes) files.push_back({volume, {}});
   for (const BlockPtr& block : blocks) files.at(block->volumeIndex).blocks.push_back(block);
   return files;
 }
@@ -42,7 +37,7 @@ std::string SpoolScan::Add(const UuidT& volume, std::uint64_t n, FileBytes& file
   if (!fault.text.empty() && !isTaken) {
     return fault.text + " at byte " + std::to_string(fault.offset);
   }
-  const std::vector<UuidT> volumes = SpoolVolumesOf(found.start);
+  const std::vector<UuidT>& volumes = found.start.volumes;
   if (found.start.n != n || found.start.group != m_group || found.start.datasetType != 0 ||
       std::find(volumes.begin(), volumes.end(), volume) == volumes.end()) {
     return "it is of another dataset or volume than its name says";
@@ -60,7 +55,7 @@ std::string SpoolScan::Add(const UuidT& volume, std::uint64_t n, FileBytes& file
 std::vector<SpooledDataset> SpoolScan::Whole() const {
   std::vector<SpooledDataset> whole;
   for (const auto& [n, found] : m_found) {
-    if (found.files.size() != SpoolVolumesOf(found.start).size()) continue;
+    if (found.files.size() != found.start.volumes.size()) continue;
     whole.push_back({found.start, found.bytes});
   }
   return whole;

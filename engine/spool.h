@@ -18,13 +18,11 @@ namespace penstock {
 
 // One file of a dataset.
 struct SpoolFile {
-  UuidT volume;                  // in whose name it is; the group's, of a dataset without volumes
+  UuidT volume;                  // in whose name it is
   std::vector<BlockPtr> blocks;  // in order
 };
-// The files of a dataset, in the order of its volumes.
+// The files of a dataset, in the order of its volumes, of which it names one at least.
 std::vector<SpoolFile> SpoolFilesOf(const DatasetStart& start, const std::vector<BlockPtr>& blocks);
-// Which files a dataset has, without their blocks.
-std::vector<UuidT> SpoolVolumesOf(const DatasetStart& start);
 // The START record, as it is written to each of them.
 std::shared_ptr<OM_DP::DatasetStartv2> SpoolRecordOf(const DatasetStart& start);
 

@@ -62,7 +62,9 @@ struct SourceRunner::Impl {
         engine(options.config),
         timer(theLoop),
         windows(kWindowBytes, options.config.memory / kWindowBytes),
-        pool(theLoop, options.jobs) {}
+        pool(theLoop, options.jobs) {
+    if (options.store) disk = std::make_unique<WorkerPool>(theLoop, 2);
+  }
 
   void Settle();
   void SetTimer();
@@ -81,6 +83,18 @@ struct SourceRunner::Impl {
                 });
   }
 
+  // The same on the threads of the disk. Jobs of one strand are done in order.
+  template <class Work>
+  void RunOnDisk(const std::string& strand, Work work) {
+    auto result = std::make_shared<decltype(work())>();
+    disk->Submit(
+        strand, [result, work = std::move(work)] { *result = work(); },
+        [this, result] {
+          engine.Completed(std::move(*result), Now());
+          Settle();
+        });
+  }
+
   void Do(SendFrame& command);
   void Do(SetSeeds& command);
   void Do(CloseConn& command);
@@ -90,9 +104,15 @@ struct SourceRunner::Impl {
   void Do(FetchWindow& command);
   void Do(PackRuns& command);
   void Do(PackBuffers& command);
+  void Do(SpoolWrite& command);
+  void Do(SpoolRead& command);
+  void Do(SpoolRemove& command);
+  void Do(SpoolDrop& command);
+  void Do(Checkpoint& command);
+  void Do(SaveMaps& command);
 
   EventLoop& loop;
-  const SourceOptions options;
+  SourceOptions options;
   SourceEngine engine;
   std::function<void()> onChange;
   std::function<void()> onStopped;
@@ -108,6 +128,7 @@ struct SourceRunner::Impl {
   SlabPool windows;
   // Destroyed first: what runs on it uses the rest.
   WorkerPool pool;
+  std::unique_ptr<WorkerPool> disk;  // with a store: it may block for long
 };
 
 void SourceRunner::Impl::Settle() {
@@ -226,7 +247,9 @@ void SourceRunner::Impl::Do(Halt& command) { Log(Severity::kError, command.reaso
 // --- Work. ---
 
 void SourceRunner::Impl::Do(FetchWindow& command) {
-  Run([this, volume = options.volumes.at(command.volume), c = command] {
+  Run([this, volume = options.volumes.at(command.volume), store = options.store.get(),
+       c = command] {
+    const auto held = store != nullptr ? store->HoldOff(c.volume, c.offset, c.length) : nullptr;
     return FetchFrom(*volume, windows, c);
   });
 }
@@ -237,6 +260,30 @@ void SourceRunner::Impl::Do(PackRuns& command) {
 
 void SourceRunner::Impl::Do(PackBuffers& command) {
   Run([c = std::move(command)] { return DoPackBuffers(c); });
+}
+
+void SourceRunner::Impl::Do(SpoolWrite& command) {
+  RunOnDisk("spool", [store = options.store, c = std::move(command)] { return store->Write(c); });
+}
+
+void SourceRunner::Impl::Do(SpoolRead& command) {
+  RunOnDisk("spool", [store = options.store, c = std::move(command)] { return store->Read(c); });
+}
+
+void SourceRunner::Impl::Do(SpoolRemove& command) {
+  disk->Submit("spool", [store = options.store, c = std::move(command)] { store->Remove(c); }, {});
+}
+
+void SourceRunner::Impl::Do(SpoolDrop& command) {
+  RunOnDisk("spool", [store = options.store, c = command] { return store->Drop(c); });
+}
+
+void SourceRunner::Impl::Do(Checkpoint& command) {
+  RunOnDisk("marks", [store = options.store, c = command] { return store->Keep(c); });
+}
+
+void SourceRunner::Impl::Do(SaveMaps& command) {
+  RunOnDisk("marks", [store = options.store, c = command] { return store->Save(c); });
 }
 
 // --- The runner. ---
@@ -253,6 +300,7 @@ SourceRunner::SourceRunner(EventLoop& loop, SourceOptions options) {
 SourceRunner::~SourceRunner() {
   m_impl->timer.Cancel();
   m_impl->pool.Stop();
+  if (m_impl->disk) m_impl->disk->Stop();
 }
 
 void SourceRunner::Start(std::function<void()> onChange) {
@@ -262,6 +310,17 @@ void SourceRunner::Start(std::function<void()> onChange) {
 }
 
 const SourceEngine& SourceRunner::Engine() const { return m_impl->engine; }
+
+void SourceRunner::With(const std::function<void(SourceEngine&, const Moment&)>& what) {
+  what(m_impl->engine, Now());
+  m_impl->Settle();
+}
+
+void SourceRunner::SetRateLimit(std::uint64_t bytesPerSecond) {
+  m_impl->options.connect.connection.rateLimit = bytesPerSecond;
+  if (m_impl->connection) m_impl->connection->SetRateLimit(bytesPerSecond);
+}
+
 void SourceRunner::Stop(std::function<void()> onStopped) { m_impl->Stop(std::move(onStopped)); }
 
 std::uint64_t SourceRunner::BytesSent() const {

@@ -9,6 +9,7 @@
 
 #include "engine/source_engine.h"
 #include "replicator/event_loop.h"
+#include "replicator/live_store.h"
 #include "replicator/transport.h"
 #include "replicator/volume_file.h"
 
@@ -24,6 +25,8 @@ struct SourceOptions {
   Endpoint endpoint;
   ConnectOptions connect;
   std::function<int(std::string& error)> makeSocket;
+  // Of a source whose configuration has a feed.
+  std::shared_ptr<LiveStore> store;
 };
 
 // The source on one thread: a loop, its engine, one connection, and workers that read, fingerprint
@@ -40,6 +43,10 @@ class SourceRunner {
   // Begins. `onChange` is called after every event: look at Engine().Status().
   void Start(std::function<void()> onChange);
   const SourceEngine& Engine() const;
+  // Calls `what` with the engine and the time, and carries out what it leads to.
+  void With(const std::function<void(SourceEngine&, const Moment&)>& what);
+  // Of the connection, and of those to come; 0: none.
+  void SetRateLimit(std::uint64_t bytesPerSecond);
   // Says goodbye; `onStopped` when the connection is gone, or it took too long.
   void Stop(std::function<void()> onStopped);
   std::uint64_t BytesSent() const;  // of all connections, headers included

@@ -29,7 +29,7 @@ std::string LiveNode::SpoolPath(const UuidT& volume, std::uint64_t n) const {
 // Takes the files of this age; what is not part of a whole dataset goes, and so do other ages.
 std::vector<SpooledDataset> LiveNode::ScanSpool() {
   SpoolScan scan(GroupId("g"));
-  std::map<std::string, UuidT> volumes{{Hex(GroupId("g")), GroupId("g")}};
+  std::map<std::string, UuidT> volumes;
   for (const SourceVolume& volume : m_options.volumes) {
     const UuidT id = VolumeId("g", volume.name);
     volumes[Hex(id)] = id;
@@ -115,7 +115,7 @@ IoStatus LiveNode::WriteSpoolFile(const SpoolWrite& command, std::size_t index) 
 }
 
 void LiveNode::SpoolFileStep(std::shared_ptr<SpoolWrite> command, std::size_t file) {
-  const std::size_t files = SpoolVolumesOf(command->start).size();
+  const std::size_t files = command->start.volumes.size();
   RunSpool([this, command, file, files] {
     const std::uint64_t boot = m_boot;
     const IoStatus status = WriteSpoolFile(*command, file);
@@ -125,7 +125,7 @@ void LiveNode::SpoolFileStep(std::shared_ptr<SpoolWrite> command, std::size_t fi
     done.ticket = command->ticket;
     done.status = status;
     done.error = "the disk is full";
-    for (const UuidT& volume : SpoolVolumesOf(command->start)) {
+    for (const UuidT& volume : command->start.volumes) {
       done.bytes += m_disk.Size(SpoolPath(volume, command->start.n));
     }
     m_engine->Completed(std::move(done), m_world.Now());
@@ -141,7 +141,7 @@ void LiveNode::SpoolCommands(SourceCommand& command) {
     RunSpool([this, c = *read] {
       SpoolLoaded loaded;
       loaded.ticket = c.ticket;
-      for (const UuidT& volume : SpoolVolumesOf(c.start)) {
+      for (const UuidT& volume : c.start.volumes) {
         SimFile file(m_disk, SpoolPath(volume, c.start.n));
         loaded.error = ReadSpoolFile(file, c.start.n, loaded.blocks);
         if (!loaded.error.empty()) loaded.status = IoStatus::kDamaged;
