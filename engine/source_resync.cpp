@@ -116,11 +116,9 @@ void SourceEngine::OpenResync(std::uint8_t volume, const Ranges& ranges, const M
   const std::uint64_t n = work->n = m_last + 1;
   work->volume = volume;
   work->copy = m_passCopies[volume];
-  std::vector<FingerprintRange> parts;
   std::uint64_t length = 0;
   std::uint64_t blocks = 0;
   for (const auto& [from, bytes] : ranges) {
-    parts.push_back({m_volumeIds[volume], from, bytes});
     for (std::uint64_t at = 0; at < bytes; at += kWindowBytes) {
       SourceWindow window;
       window.offset = from + at;
@@ -131,7 +129,12 @@ void SourceEngine::OpenResync(std::uint8_t volume, const Ranges& ranges, const M
     }
     length += bytes;
   }
-  work->ds = std::make_shared<Dataset>(n, parts, blocks * kCompareBytes);
+  // A dataset has one range of a volume: the one that all of them lie in.
+  const std::uint64_t begin = ranges.front().offset;
+  const std::uint64_t end = ranges.back().offset + ranges.back().length;
+  work->ds = std::make_shared<Dataset>(
+      n, std::vector<FingerprintRange>{{m_volumeIds[volume], begin, end - begin}},
+      blocks * kCompareBytes);
   work->ds->SetDSReceivedCb(
       [this](const std::shared_ptr<Dataset>&, InternalData&) { m_kept = true; });
   if (!work->copy) {

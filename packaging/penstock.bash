@@ -37,9 +37,10 @@ _penstock() {
     --compress) _penstock_offer 'none lz4 zstd auto' "$current" ;;
     --log-level) _penstock_offer 'trace debug info warning error' "$current" ;;
     --log-format) _penstock_offer 'text json' "$current" ;;
-    --state | --tls-certs | --volumes) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
-    --group | --identity | --jobs | --journal-quota | --limit-rate | --listen | --of | \
-      --retry-for | --tls-name | --to) ;;
+    --wait) _penstock_offer 'durable applied flushed' "$current" ;;
+    --spool | --state | --tls-certs | --volumes) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+    --group | --identity | --interval | --jobs | --journal-quota | --limit-rate | --listen | \
+      --max-dataset | --memory | --nbd | --of | --retry-for | --spool-max | --tls-name | --to) ;;
     *)
       if [[ $current == -* && -z $behind_equals ]]; then
         _penstock_offer "$(_penstock_listed Options "$program" "${COMP_WORDS[1]}")" "$current"

@@ -55,10 +55,12 @@ function __penstock_complete
             printf '%s\n' $kept{trace,debug,info,warning,error}
         case --log-format
             printf '%s\n' $kept{text,json}
-        case --state --tls-certs --volumes
+        case --wait
+            printf '%s\n' $kept{durable,applied,flushed}
+        case --spool --state --tls-certs --volumes
             __penstock_files "$kept" -d
-        case --group --identity --jobs --journal-quota --limit-rate --listen --of --retry-for \
-            --tls-name --to
+        case --group --identity --interval --jobs --journal-quota --limit-rate --listen \
+            --max-dataset --memory --nbd --of --retry-for --spool-max --tls-name --to
         case '*'
             __penstock_files "$kept"
     end

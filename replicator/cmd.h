@@ -21,6 +21,8 @@ void AddSync(CLI::App& program, Chosen& chosen);
 void AddVerify(CLI::App& program, Chosen& chosen);
 void AddStatus(CLI::App& program, Chosen& chosen);
 void AddInspect(CLI::App& program, Chosen& chosen);
+void AddServe(CLI::App& program, Chosen& chosen);
+void AddLive(CLI::App& program, Chosen& chosen);  // point, pause, resume, limit-rate
 void AddKeygen(CLI::App& program, Chosen& chosen);
 
 }  // namespace penstock

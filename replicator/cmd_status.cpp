@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "capture/control.h"
 #include "replicator/cmd.h"
 #include "replicator/options.h"
 #include "replicator/runner_client.h"
@@ -20,6 +25,7 @@ struct StatusFlags {
   std::string of;
   std::string state;
   bool json = false;
+  bool watch = false;
   SecurityFlags security;
   LogFlags log;
 };
@@ -31,6 +37,22 @@ int Show(const StatusFlags& flags, const std::string& json) {
   }
   std::fwrite(text.data(), 1, text.size(), stdout);
   return kExitDone;
+}
+
+// Of a source that serves volumes, as it says itself.
+int RunOfSource(const StatusFlags& flags) {
+  for (;;) {
+    std::string answer;
+    auto fault = AskControl(flags.state, R"({"do":"status"})", answer);
+    if (!fault.empty()) return Complain(kExitFailed, fault);
+    std::string text = answer + "\n";
+    if (!flags.json) text = LiveStatusTable(answer);
+    if (flags.watch) text = (flags.json ? "" : "\x1b[H\x1b[2J") + text;
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+    if (!flags.watch) return kExitDone;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
 }
 
 // Of a state on disk, whether a target has it or not.
@@ -84,7 +106,9 @@ int RunStatus(const StatusFlags& flags) {
   if (flags.of.empty() == flags.state.empty()) {
     return Complain(kExitRefused, "give one of --of ADDR:PORT and --state DIR");
   }
-  return flags.of.empty() ? RunOfState(flags) : RunOfTarget(flags);
+  if (!flags.of.empty()) return RunOfTarget(flags);
+  const bool isSource = ::access((flags.state + "/source.lock").c_str(), F_OK) == 0;
+  return isSource ? RunOfSource(flags) : RunOfState(flags);
 }
 
 }  // namespace
@@ -92,10 +116,13 @@ int RunStatus(const StatusFlags& flags) {
 void AddStatus(CLI::App& program, Chosen& chosen) {
   auto flags = std::make_shared<StatusFlags>();
   CLI::App* command = program.add_subcommand(
-      "status", "What a target has: its groups, volumes, points, lag, journal and troubles.");
+      "status",
+      "What a target has: groups, volumes, points, lag, journal; or what a source is doing.");
   command->add_option("--of", flags->of, "where the target listens: ADDR:PORT or unix:PATH");
-  command->add_option("--state", flags->state, "directory of a target's state, on this machine");
+  command->add_option("--state", flags->state,
+                      "directory of a target's or source's state, on this machine");
   command->add_flag("--json", flags->json, "as JSON");
+  command->add_flag("--watch", flags->watch, "of a source: again every second");
   AddSecurityOptions(*command, flags->security, TlsSide::kClient);
   AddLogOptions(*command, flags->log, "warning");
   command->footer("Example: penstock status --of backup:7000 --tls-certs /etc/penstock/tls");

@@ -35,6 +35,8 @@ int Main(int argc, char** argv) {
   penstock::AddReplicate(program, chosen);
   penstock::AddTarget(program, chosen);
   penstock::AddSync(program, chosen);
+  penstock::AddServe(program, chosen);
+  penstock::AddLive(program, chosen);
   penstock::AddVerify(program, chosen);
   penstock::AddStatus(program, chosen);
   penstock::AddInspect(program, chosen);

@@ -211,6 +211,13 @@ IoDone Journal::Open(const JournalOpen& command) {
   return Done(command.ticket);
 }
 
+std::shared_ptr<DatasetSerializer> Journal::SerializerOf(const std::string& group,
+                                                         const std::string& volume,
+                                                         std::uint64_t n) {
+  const auto writer = FindWriter({group, volume, n});
+  return writer ? std::shared_ptr<DatasetSerializer>(writer, &writer->file) : nullptr;
+}
+
 IoDone Journal::Append(const JournalAppend& command) {
   std::string error;
   const IoStatus checked = CheckArrived(*command.block, command.size, command.volumeSize, error);

@@ -65,6 +65,10 @@ class Journal {
   IoDone Remove(const JournalRemove& command);
   IoDone SyncDirs(const JournalSyncDirs& command);
 
+  // What writes a file, while it is open; null when it isn't.
+  std::shared_ptr<DatasetSerializer> SerializerOf(const std::string& group,
+                                                  const std::string& volume, std::uint64_t n);
+
   std::string PathOf(const std::string& group, const std::string& volume, std::uint64_t n) const;
 
  private:

@@ -157,6 +157,8 @@ def check_values(shell, folder):
         begun = f"{option}={values[1][:1]}"
         found = shell.complete(folder, f"penstock sync {begun}")
         need(list(found) == [f"{option}={values[1]}"], f"{begun}: offers {sorted(found)}")
+    found = shell.complete(folder, "penstock point --wait ")
+    need(set(found) == {"durable", "applied", "flushed"}, f"--wait: offers {sorted(found)}")
     found = shell.complete(folder, "penstock sync --group ")
     need(not found, f"of --group nothing is known, and offered is {sorted(found)}")
 

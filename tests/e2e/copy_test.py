@@ -186,7 +186,8 @@ class Sync(Rig):
 
 class Help(Rig):
     def test_every_subcommand_shows_an_example(self):
-        for command in ("replicate", "target", "sync", "verify", "status", "inspect", "keygen"):
+        for command in ("replicate", "target", "sync", "serve", "point", "pause", "resume",
+                        "limit-rate", "verify", "status", "inspect", "keygen"):
             result = run(command, "--help")
             self.assertEqual(result.code, 0, result)
             self.assertIn(f"Example: penstock {command}", result.out)

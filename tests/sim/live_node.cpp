@@ -329,6 +329,8 @@ void LiveNode::Observe() {
             "I3: a report went back");
   SIM_CHECK(now.flushed <= now.applied && now.applied <= now.durable,
             "I3: flushed, applied, durable are out of order");
+  SIM_CHECK(now.failure.empty() || now.failureCode != ErrorCode::kFailed,
+            "the source gives up: " + now.failure);
   SIM_CHECK(now.lastTrouble.find(" is due") == std::string::npos,
             "I3: a dataset out of order: " + now.lastTrouble);
   CheckLimits();

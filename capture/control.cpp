@@ -1,0 +1,274 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "capture/control.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "replicator/log.h"
+#include "replicator/progress.h"
+#include "replicator/runner_common.h"
+
+namespace penstock {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr std::uint64_t kAnswerMs = 10'000;
+
+std::string Refusal(const std::string& why) { return json{{"error", why}}.dump(); }
+
+}  // namespace
+
+// --- The status. ---
+
+const char* Text(LiveState state) {
+  switch (state) {
+    case LiveState::kConnecting: return "connecting";
+    case LiveState::kReplicating: return "replicating";
+    case LiveState::kSpooling: return "spooling";
+    case LiveState::kTrackingOnly: return "tracking only";
+    case LiveState::kResyncing: return "resyncing";
+    case LiveState::kPaused: return "paused";
+    case LiveState::kStopped: return "stopped";
+  }
+  return "unknown";
+}
+
+LiveState StateOf(const SourceStatus& status, bool isRecording) {
+  if (status.phase == SourcePhase::kStopped) return LiveState::kStopped;
+  if (status.phase == SourcePhase::kPaused) return LiveState::kPaused;
+  if (!isRecording) {
+    return status.epoch == 0 ? LiveState::kConnecting : LiveState::kTrackingOnly;
+  }
+  if (status.resyncing) return LiveState::kResyncing;
+  if (status.spooledDatasets > 0) return LiveState::kSpooling;
+  return status.phase == SourcePhase::kOnline ? LiveState::kReplicating : LiveState::kConnecting;
+}
+
+std::string LiveStatusText(const std::string& group, const SourceStatus& status,
+                           const Capture& capture, std::uint64_t memoryUsed,
+                           const LiveLimits& limits) {
+  const LiveState state = StateOf(status, capture.IsRecording());
+  json out = {{"group", group},
+              {"state", Text(state)},
+              {"connection", Text(status.phase)},
+              {"epoch", status.epoch},
+              {"closed", status.closed},
+              {"sent", status.sent},
+              {"durable", status.durable},
+              {"applied", status.applied},
+              {"flushed", status.flushed},
+              {"lagDatasets", status.closed - std::min(status.closed, status.flushed)},
+              {"memoryBytes", memoryUsed + capture.BytesHeld()},
+              {"memoryLimit", limits.memory},
+              {"spoolBytes", status.spooledBytes},
+              {"spoolLimit", limits.spool},
+              {"spoolDatasets", status.spooledDatasets},
+              {"markedBytes", capture.TotalStale()},
+              {"overflows", status.overflows},
+              {"writes", capture.Writes()},
+              {"writtenBytes", capture.BytesWritten()},
+              {"rawBytes", status.rawBytes},
+              {"packedBytes", status.packedBytes},
+              {"sentBytes", status.sentBytes},
+              {"mapSaves", capture.Marks()},
+              {"reconnects", status.reconnects}};
+  if (state == LiveState::kResyncing && status.passBytes > 0) {
+    out["percent"] = 100.0 * static_cast<double>(std::min(status.passedBytes, status.passBytes)) /
+                     static_cast<double>(status.passBytes);
+  }
+  if (!status.lastOverflow.empty()) out["lastOverflow"] = status.lastOverflow;
+  if (!status.lastTrouble.empty()) out["trouble"] = status.lastTrouble;
+  if (!status.failure.empty()) out["failure"] = status.failure;
+  return out.dump();
+}
+
+std::string LiveStatusTable(const std::string& text) {
+  const auto status = json::parse(text, nullptr, false);
+  if (!status.is_object()) return "the source's answer makes no sense\n";
+  const auto number = [&](const char* name) { return status.value(name, std::uint64_t{0}); };
+  const auto word = [&](const char* name) { return status.value(name, std::string()); };
+  const auto row = [](const std::string& name, const std::string& value) {
+    return name + std::string(name.size() < 12 ? 12 - name.size() : 1, ' ') + value + "\n";
+  };
+  std::string state = word("state");
+  if (status.contains("percent")) {
+    state += ", " + std::to_string(static_cast<int>(status.value("percent", 0.0))) + " %";
+  }
+  std::string out =
+      row("group", word("group")) + row("state", state) + row("connection", word("connection"));
+  out += row("points", "closed " + std::to_string(number("closed")) + ", sent " +
+                           std::to_string(number("sent")) + ", durable " +
+                           std::to_string(number("durable")) + ", applied " +
+                           std::to_string(number("applied")) + ", flushed " +
+                           std::to_string(number("flushed")));
+  out += row("lag", std::to_string(number("lagDatasets")) + " datasets");
+  out +=
+      row("memory", HumanBytes(number("memoryBytes")) + " of " + HumanBytes(number("memoryLimit")));
+  out += row("spool", HumanBytes(number("spoolBytes")) + " of " + HumanBytes(number("spoolLimit")) +
+                          " in " + std::to_string(number("spoolDatasets")) + " datasets");
+  out += row("marked", HumanBytes(number("markedBytes")) + " to be compared");
+  out += row("written", HumanBytes(number("writtenBytes")) + " by " +
+                            std::to_string(number("writes")) + " writes, sent " +
+                            HumanBytes(number("sentBytes")));
+  out += row("overflows", std::to_string(number("overflows")));
+  for (const char* name : {"lastOverflow", "trouble", "failure"}) {
+    if (status.contains(name)) out += row(name, Escape(word(name)));
+  }
+  return out;
+}
+
+// --- The socket. ---
+
+std::string ControlPath(const std::string& directory) { return directory + "/source.sock"; }
+
+Control::Control(EventLoop& loop, SourceRunner& runner, const Capture& capture, std::string group,
+                 LiveLimits limits)
+    : m_loop(loop),
+      m_runner(runner),
+      m_capture(capture),
+      m_group(std::move(group)),
+      m_limits(limits) {}
+
+std::string Control::Open(const std::string& directory) {
+  Endpoint endpoint;
+  if (auto fault = Endpoint::Parse("unix:" + ControlPath(directory), endpoint); !fault.empty()) {
+    return fault;
+  }
+  ListenOptions options;
+  options.allowPlaintext = true;
+  options.maxConnections = 16;
+  return Listener::Open(
+      m_loop, endpoint, options,
+      {.onAccepted = [this](std::unique_ptr<Connection> made) { Take(std::move(made)); }},
+      m_listener);
+}
+
+void Control::Take(std::unique_ptr<Connection> connection) {
+  const Place peer = m_peers.insert(m_peers.end(), Peer{std::move(connection), 0, {}});
+  peer->connection->AllowAll();
+  peer->connection->Start({.onFrame = [this, peer](const Frame& frame) { Answer(peer, frame); },
+                           .onClosed =
+                               [this, peer](const std::string&) {
+                                 m_loop.Post([this, peer] { m_peers.erase(peer); });
+                               }});
+}
+
+void Control::Answer(Place peer, const Frame& frame) {
+  if (frame.type != FrameType::kStatusReply) return peer->connection->Close();
+  const Bytes bytes = frame.Payload();
+  const std::string answer = Do(*peer, std::string(bytes.begin(), bytes.end()));
+  if (!answer.empty()) peer->connection->Send(EncodeStatusReply(answer));
+}
+
+// Returns the answer; empty: it comes later.
+std::string Control::Do(Peer& peer, const std::string& text) {
+  const auto request = json::parse(text, nullptr, false);
+  if (!request.is_object() || !request.contains("do") || !request["do"].is_string()) {
+    return Refusal("that is no request");
+  }
+  const auto order = request["do"].get<std::string>();
+  if (order == "pause") {
+    m_runner.With([](SourceEngine& engine, const Moment& now) { engine.Pause(now); });
+  } else if (order == "resume") {
+    m_runner.With([](SourceEngine& engine, const Moment& now) { engine.Resume(now); });
+  } else if (order == "limit-rate") {
+    if (!request.contains("bytes") || !request["bytes"].is_number_unsigned()) {
+      return Refusal("limit-rate wants a number of bytes");
+    }
+    m_runner.SetRateLimit(request["bytes"].get<std::uint64_t>());
+  } else if (order == "point") {
+    return ClosePoint(peer, request.value("wait", std::string()),
+                      request.value("consistent", false));
+  } else if (order != "status") {
+    return Refusal("an order that this version does not know");
+  }
+  return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture,
+                        m_runner.Engine().MemoryUsed(), m_limits);
+}
+
+std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent) {
+  if (!wait.empty() && wait != "durable" && wait != "applied" && wait != "flushed") {
+    return Refusal("a point can be waited for until it is durable, applied or flushed");
+  }
+  std::uint64_t n = 0;
+  m_runner.With(
+      [&](SourceEngine& engine, const Moment& now) { n = engine.CloseDataset(now, consistent); });
+  if (n == 0) {
+    const LiveState state = StateOf(m_runner.Engine().Status(), m_capture.IsRecording());
+    return Refusal(std::string("there is no point now, the source is ") + Text(state));
+  }
+  peer.point = n;
+  peer.wait = wait;
+  if (!IsReached(peer)) return {};
+  peer.point = 0;
+  return json{{"point", n}}.dump();
+}
+
+bool Control::IsReached(const Peer& peer) const {
+  const SourceStatus& status = m_runner.Engine().Status();
+  if (peer.wait == "durable") return status.durable >= peer.point;
+  if (peer.wait == "applied") return status.applied >= peer.point;
+  return peer.wait.empty() || status.flushed >= peer.point;
+}
+
+void Control::Changed() {
+  const SourceStatus& status = m_runner.Engine().Status();
+  for (Peer& peer : m_peers) {
+    if (peer.point == 0) continue;
+    if (IsReached(peer)) {
+      peer.connection->Send(EncodeStatusReply(json{{"point", peer.point}}.dump()));
+    } else if (status.phase == SourcePhase::kStopped || !m_capture.IsRecording()) {
+      peer.connection->Send(EncodeStatusReply(
+          Refusal("point " + std::to_string(peer.point) + " was given up with the backlog")));
+    } else {
+      continue;
+    }
+    peer.point = 0;
+  }
+}
+
+// --- The other end. ---
+
+std::string AskControl(const std::string& directory, const std::string& request,
+                       std::string& answer) {
+  EventLoop loop;
+  Endpoint endpoint;
+  std::string fault = Endpoint::Parse("unix:" + ControlPath(directory), endpoint);
+  if (!fault.empty()) return fault;
+  ConnectOptions options;
+  options.allowPlaintext = true;
+  std::unique_ptr<Connection> connection;
+  const auto end = [&](const std::string& why) {
+    fault = why;
+    loop.Stop();
+  };
+  ConnectAttempt attempt(
+      loop, endpoint, options, [&](std::unique_ptr<Connection> made, const std::string& error) {
+        if (!made) return end("no source is running in " + directory + " (" + error + ")");
+        connection = std::move(made);
+        connection->AllowAll();
+        connection->Start({.onFrame =
+                               [&](const Frame& frame) {
+                                 const Bytes bytes = frame.Payload();
+                                 answer.assign(bytes.begin(), bytes.end());
+                                 loop.Stop();
+                               },
+                           .onClosed = end});
+        connection->Send(EncodeStatusReply(request));
+      });
+  // A point may be waited for as long as it takes.
+  if (request.find("\"wait\"") == std::string::npos) {
+    loop.After(kAnswerMs, [&] { end("the source in " + directory + " does not answer"); });
+  }
+  loop.Run();
+  if (!fault.empty()) return fault;
+  const auto reply = json::parse(answer, nullptr, false);
+  if (!reply.is_object()) return "the source's answer makes no sense";
+  return reply.contains("error") && reply["error"].is_string() ? reply["error"].get<std::string>()
+                                                               : "";
+}
+
+}  // namespace penstock

@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "capture/disk_store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "engine/spool.h"
+#include "replicator/log.h"
+
+namespace penstock {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t kMostStateBytes = 4096;
+
+std::string StatePath(const std::string& directory) { return directory + "/source.json"; }
+
+}  // namespace
+
+// --- The state. ---
+
+std::string ReadSourceState(const std::string& directory, const std::string& group,
+                            SourceState& out) {
+  const std::string path = StatePath(directory);
+  if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return {};
+  std::string text;
+  if (auto fault = ReadSmallFile(path, kMostStateBytes, FilePrivacy::kNobodyWrites, text);
+      !fault.empty()) {
+    return fault;
+  }
+  const auto json = nlohmann::json::parse(text, nullptr, false);
+  const auto number = [&](const char* name, std::uint64_t& value) {
+    if (!json.contains(name) || !json[name].is_number_unsigned()) return false;
+    value = json[name].get<std::uint64_t>();
+    return true;
+  };
+  if (!json.is_object() || !number("epoch", out.epoch) || !number("flushed", out.flushed) ||
+      !number("age", out.age) || !json.contains("group") || !json["group"].is_string()) {
+    return path + " is damaged; remove it to take the group up anew, which compares everything";
+  }
+  if (json["group"].get<std::string>() != group) {
+    return directory + " belongs to group " + json["group"].get<std::string>() +
+           "; give each group a state directory of its own";
+  }
+  return {};
+}
+
+std::string WriteSourceState(const std::string& directory, const std::string& group,
+                             const SourceState& state) {
+  const nlohmann::json json = {
+      {"group", group}, {"epoch", state.epoch}, {"flushed", state.flushed}, {"age", state.age}};
+  const std::string path = StatePath(directory);
+  const std::string next = path + ".new";
+  ::unlink(next.c_str());
+  if (auto fault = WriteNewFile(next, json.dump() + "\n"); !fault.empty()) return fault;
+  if (::rename(next.c_str(), path.c_str()) != 0) {
+    return "can't replace " + path + ": " + ErrnoText(errno);
+  }
+  return SyncDirectory(directory);
+}
+
+// --- The spool. ---
+
+DiskStore::DiskStore(std::string directory, std::string spool, std::string group, SourceState state,
+                     std::vector<std::unique_ptr<LiveVolume>>& volumes)
+    : m_directory(std::move(directory)),
+      m_spool(std::move(spool)),
+      m_group(std::move(group)),
+      m_state(state),
+      m_volumes(volumes) {}
+
+std::string DiskStore::OpenSpool() {
+  if (auto fault = MakePrivateDirectory(AgePath()); !fault.empty()) return fault;
+  m_journal = std::make_unique<Journal>(AgePath());
+  return m_journal->Prepare();
+}
+
+std::string DiskStore::Prepare(std::vector<SpooledDataset>& found) {
+  if (m_spool.empty()) return {};
+  if (auto fault = MakePrivateDirectory(m_spool); !fault.empty()) return fault;
+  std::error_code error;
+  std::vector<fs::path> others;
+  for (const auto& entry : fs::directory_iterator(m_spool, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with("age-") && entry.path().string() != AgePath()) {
+      others.push_back(entry.path());
+    }
+  }
+  for (const fs::path& other : others) fs::remove_all(other, error);
+  if (error) return "can't clean up " + m_spool + ": " + error.message();
+  if (auto fault = OpenSpool(); !fault.empty()) return fault;
+  return Scan(found);
+}
+
+std::string DiskStore::Scan(std::vector<SpooledDataset>& found) {
+  GroupState group;
+  group.group = m_group;
+  for (const auto& volume : m_volumes) group.volumes.push_back({.name = volume->name});
+  std::vector<JournalFile> files;
+  if (auto fault = m_journal->List({group}, files); !fault.empty()) return fault;
+  SpoolScan scan(GroupId(m_group));
+  for (const JournalFile& file : files) {
+    JournalReader reader;
+    std::string why = reader.Open(m_journal->PathOf(file.group, file.volume, file.n));
+    if (why.empty()) why = scan.Add(VolumeId(m_group, file.volume), file.n, reader);
+    if (why.empty()) continue;
+    Log(Severity::kWarning, "a file of the spool is not whole; what it held is compared",
+        {{"volume", file.volume}, {"n", std::to_string(file.n)}, {"why", why}});
+    m_journal->Remove({0, file.group, file.volume, file.n, false});
+  }
+  found = scan.Whole();
+  return {};
+}
+
+const LiveVolume* DiskStore::FindVolume(const UuidT& id) const {
+  for (const auto& volume : m_volumes) {
+    if (VolumeId(m_group, volume->name) == id) return volume.get();
+  }
+  return nullptr;
+}
+
+IoDone DiskStore::WriteFile(const SpoolWrite& command, const SpoolFile& file, SpoolDone& done) {
+  const LiveVolume& volume = *FindVolume(file.volume);
+  const std::uint64_t n = command.start.n;
+  // One that was left behind by a dataset that did not become whole.
+  m_journal->Remove({0, m_group, volume.name, n, false});
+  IoDone step = m_journal->Open({0, m_group, volume.name, n, SpoolRecordOf(command.start)});
+  if (step.status == IoStatus::kOk && !done.writer) {
+    done.writer = m_journal->SerializerOf(m_group, volume.name, n);
+  }
+  for (const BlockPtr& block : file.blocks) {
+    if (step.status != IoStatus::kOk) return step;
+    step = m_journal->Append({0, m_group, volume.name, n, block,
+                              static_cast<std::uint32_t>(RecordBytes(*block).size()),
+                              volume.file->Size()});
+  }
+  if (step.status == IoStatus::kOk) step = m_journal->Close({0, m_group, volume.name, n});
+  return step;
+}
+
+SpoolDone DiskStore::Write(const SpoolWrite& command) {
+  SpoolDone done;
+  done.ticket = command.ticket;
+  JournalSyncDirs directories{0, m_group, {}};
+  IoDone step;
+  for (const SpoolFile& file : SpoolFilesOf(command.start, command.blocks)) {
+    step = WriteFile(command, file, done);
+    if (step.status != IoStatus::kOk) break;
+    done.bytes += step.bytes;
+    directories.files.emplace_back(command.start.n, FindVolume(file.volume)->name);
+  }
+  if (step.status == IoStatus::kOk) step = m_journal->SyncDirs(directories);
+  done.status = step.status;
+  done.error = std::move(step.error);
+  return done;
+}
+
+SpoolLoaded DiskStore::Read(const SpoolRead& command) {
+  SpoolLoaded loaded;
+  loaded.ticket = command.ticket;
+  for (const UuidT& id : command.start.volumes) {
+    const LiveVolume* const volume = FindVolume(id);
+    const std::uint64_t n = command.start.n;
+    JournalReader reader;
+    loaded.error = volume == nullptr ? "it is of a volume that is not served"
+                                     : reader.Open(m_journal->PathOf(m_group, volume->name, n));
+    if (loaded.error.empty()) loaded.error = ReadSpoolFile(reader, n, loaded.blocks);
+    if (loaded.error.empty()) continue;
+    loaded.status = IoStatus::kDamaged;
+    loaded.error = "dataset " + std::to_string(n) + ": " + loaded.error;
+    break;
+  }
+  return loaded;
+}
+
+void DiskStore::Remove(const SpoolRemove& command) {
+  for (const auto& volume : m_volumes) {
+    m_journal->Remove({0, m_group, volume->name, command.start.n, false});
+  }
+}
+
+SpoolDone DiskStore::Drop(const SpoolDrop& command) {
+  SpoolDone done;
+  done.ticket = command.ticket;
+  const std::string before = AgePath();
+  {
+    const std::lock_guard lock(m_stateMutex);
+    ++m_state.age;
+    done.error = WriteSourceState(m_directory, m_group, m_state);
+  }
+  if (done.error.empty()) done.error = OpenSpool();
+  if (!done.error.empty()) {
+    done.status = IoStatus::kFailed;
+    return done;
+  }
+  std::error_code error;
+  fs::remove_all(before, error);
+  if (error) Log(Severity::kWarning, "can't remove a spool that was given up", {{"path", before}});
+  return done;
+}
+
+// --- Marks. ---
+
+CheckpointDone DiskStore::Keep(const Checkpoint& command) {
+  CheckpointDone done;
+  done.ticket = command.ticket;
+  for (const auto& volume : m_volumes) {
+    if (done.error.empty()) done.error = volume->file->Sync();
+  }
+  if (done.error.empty()) {
+    const std::lock_guard lock(m_stateMutex);
+    m_state.epoch = command.epoch;
+    m_state.flushed = command.flushed;
+    done.error = WriteSourceState(m_directory, m_group, m_state);
+  }
+  if (!done.error.empty()) done.status = IoStatus::kFailed;
+  return done;
+}
+
+CheckpointDone DiskStore::Save(const SaveMaps& command) {
+  CheckpointDone done;
+  done.ticket = command.ticket;
+  for (const auto& volume : m_volumes) {
+    if (volume->map->SaveAll()) continue;
+    done.status = IoStatus::kFailed;
+    done.error = "the change map of " + volume->name + " can't be written";
+  }
+  return done;
+}
+
+std::shared_ptr<void> DiskStore::HoldOff(std::uint8_t volume, std::uint64_t offset,
+                                         std::uint64_t length) {
+  return std::make_shared<RangeLock::Hold>(m_volumes.at(volume)->lock, offset, length);
+}
+
+}  // namespace penstock

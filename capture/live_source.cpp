@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "capture/live_source.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <utility>
+
+#include "replicator/log.h"
+#include "replicator/runner_common.h"
+
+namespace penstock {
+
+namespace {
+
+// A guest is never held up for longer than this by a backlog that grows faster than it leaves.
+constexpr std::uint64_t kLongestDelayUs = 5'000;
+
+int ErrnoOf(const std::string& fault) {
+  return StatusOfFault(fault) == IoStatus::kNoSpace ? ENOSPC : EIO;
+}
+
+// One process at a time has a state directory.
+std::string LockDirectory(const std::string& directory, Fd& out) {
+  const std::string path = directory + "/source.lock";
+  out.Reset(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!out) return "can't open " + path + ": " + ErrnoText(errno);
+  if (::flock(out.Get(), LOCK_EX | LOCK_NB) == 0) return {};
+  return directory + " is in use by another source";
+}
+
+}  // namespace
+
+// --- Opening. ---
+
+std::string LiveSource::Open(LiveOptions options, std::unique_ptr<LiveSource>& out) {
+  std::unique_ptr<LiveSource> source(new LiveSource(std::move(options)));
+  LiveOptions& o = source->m_options;
+  if (o.spoolBytes > 0 && o.spoolDirectory.empty()) o.spoolDirectory = o.stateDirectory + "/spool";
+  if (o.spoolBytes == 0) o.spoolDirectory.clear();
+  for (const std::string& path : {o.stateDirectory, o.stateDirectory + "/maps"}) {
+    if (auto fault = MakePrivateDirectory(path); !fault.empty()) return fault;
+  }
+  if (auto fault = LockDirectory(o.stateDirectory, source->m_lock); !fault.empty()) return fault;
+  SourceState state;
+  if (auto fault = ReadSourceState(o.stateDirectory, o.group, state); !fault.empty()) return fault;
+  if (o.takeOver) {
+    // The spool's datasets follow a history that is left behind.
+    state = {0, 0, state.age + 1};
+    auto fault = WriteSourceState(o.stateDirectory, o.group, state);
+    if (!fault.empty()) return fault;
+  }
+  if (auto fault = source->OpenVolumes(state); !fault.empty()) return fault;
+  out = std::move(source);
+  return {};
+}
+
+std::string LiveSource::OpenVolumes(const SourceState& state) {
+  CaptureOptions capture;
+  capture.datasetBytes = m_options.datasetBytes;
+  capture.memory = m_options.memory;
+  for (const auto& [name, path] : m_options.volumes) {
+    auto volume = std::make_unique<LiveVolume>();
+    volume->name = name;
+    std::unique_ptr<VolumeFile> file;
+    if (auto fault = VolumeFile::Open(path, {.write = true}, file); !fault.empty()) return fault;
+    if (file->Size() == 0) return path + " is empty: there is nothing to serve";
+    volume->file = std::move(file);
+    std::string note;
+    auto fault = MapFile::Open(m_options.stateDirectory + "/maps/" + name + ".map",
+                               VolumeId(m_options.group, name), volume->file->Size(),
+                               capture.extentBytes, volume->map, note);
+    if (!fault.empty()) return fault;
+    if (!note.empty()) Log(Severity::kInfo, "volume " + name + ": " + note);
+    capture.volumes.push_back({volume->map->Id(), volume->file->Size()});
+    m_config.volumes.push_back({name, volume->file->Size()});
+    m_volumes.push_back(std::move(volume));
+  }
+  m_capture = std::make_unique<Capture>(capture);
+  for (std::size_t i = 0; i < m_volumes.size(); ++i) {
+    auto fault = m_volumes[i]->map->Load(*m_capture, static_cast<std::uint8_t>(i));
+    if (!fault.empty()) return fault;
+  }
+  m_store = std::make_shared<DiskStore>(m_options.stateDirectory, m_options.spoolDirectory,
+                                        m_options.group, state, m_volumes);
+  m_config.group = m_options.group;
+  m_config.compress = m_options.compress;
+  m_config.datasetBytes = m_options.datasetBytes;
+  m_config.feed = m_capture.get();
+  m_config.epoch = state.epoch;
+  m_config.flushed = state.flushed;
+  m_config.liveMemory = m_options.memory;
+  m_config.spoolBytes = m_options.spoolBytes;
+  m_config.interval = m_options.intervalMs;
+  return m_store->Prepare(m_config.spooled);
+}
+
+LiveSource::~LiveSource() { Stop(); }
+
+// --- The thread. ---
+
+std::string LiveSource::Start() {
+  m_loop = std::make_unique<EventLoop>();
+  SourceOptions options;
+  options.config = std::move(m_config);
+  for (const auto& volume : m_volumes) options.volumes.push_back(volume->file);
+  options.jobs = m_options.jobs;
+  options.endpoint = m_options.endpoint;
+  options.connect = m_options.connect;
+  options.store = m_store;
+  m_runner = std::make_unique<SourceRunner>(*m_loop, std::move(options));
+  m_control = std::make_unique<Control>(*m_loop, *m_runner, *m_capture, m_options.group,
+                                        LiveLimits{m_options.memory, m_options.spoolBytes});
+  if (auto fault = m_control->Open(m_options.stateDirectory); !fault.empty()) return fault;
+  m_loop->Post([this] { m_runner->Start([this] { Changed(); }); });
+  m_thread = std::thread([this] { m_loop->Run(); });
+  return {};
+}
+
+void LiveSource::Changed() {
+  m_engineBytes.store(m_runner->Engine().MemoryUsed(), std::memory_order_relaxed);
+  m_control->Changed();
+  TryStop();
+}
+
+void LiveSource::TryStop() {
+  if (!m_stopping || m_stopped) return;
+  const SourceStatus& status = m_runner->Engine().Status();
+  const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->BytesHeld() == 0 &&
+                         m_runner->Engine().MemoryUsed() == 0;
+  if (!status.isFinished && !isSpooled && status.phase != SourcePhase::kStopped &&
+      m_loop->NowMs() < m_stopBy) {
+    return;
+  }
+  m_stopped = true;
+  if (!status.isFinished) {
+    Log(Severity::kWarning, "stopped before the target had everything: what it lacks is marked");
+  }
+  m_loop->Post([this] { m_runner->Stop([this] { m_loop->Stop(); }); });
+}
+
+void LiveSource::Stop() {
+  if (!m_thread.joinable()) return;
+  m_loop->Post([this] {
+    m_stopping = true;
+    m_stopBy = m_loop->NowMs() + m_options.stopMs;
+    m_loop->After(m_options.stopMs + 1, [this] { TryStop(); });
+    m_runner->With([](SourceEngine& engine, const Moment& now) {
+      engine.CloseDataset(now);
+      engine.Finish(now);
+    });
+  });
+  m_thread.join();
+  m_control.reset();
+  m_runner.reset();
+  m_loop.reset();
+}
+
+// --- The guest. ---
+
+int LiveSource::Find(const std::string& name) const {
+  for (std::size_t i = 0; i < m_volumes.size(); ++i) {
+    if (m_volumes[i]->name == name) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::uint8_t> out) const {
+  const auto fault = m_volumes[volume]->file->Read(offset, out);
+  if (!fault.empty()) Log(Severity::kError, fault);
+  return fault.empty() ? 0 : ErrnoOf(fault);
+}
+
+// Beyond three quarters of the memory each write waits a little, so that a backlog that can be
+// carried off in time need not be given up.
+void LiveSource::Delay() const {
+  const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
+  const std::uint64_t from = m_options.memory / 4 * 3;
+  if (used <= from) return;
+  const std::uint64_t share = std::min(used - from, m_options.memory / 4);
+  std::this_thread::sleep_for(
+      std::chrono::microseconds(kLongestDelayUs * share / (m_options.memory / 4)));
+}
+
+template <class Change>
+int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change) {
+  LiveVolume& volume = *m_volumes[index];
+  const auto number = static_cast<std::uint8_t>(index);
+  write.volume = number;
+  Delay();
+  std::string fault;
+  bool isFull = false;
+  {
+    const RangeLock::Hold held(volume.lock, write.offset, write.length);
+    const std::uint64_t generation = m_capture->BeginWrite(number, write.offset, write.length);
+    if (generation != 0 && !volume.map->EnsureSaved(generation)) {
+      m_capture->Failed(number, write.offset, write.length);
+      return EIO;
+    }
+    fault = change();
+    if (fault.empty()) {
+      isFull = m_capture->Captured(std::move(write));
+    } else {
+      m_capture->Failed(number, write.offset, write.length);
+    }
+  }
+  if (isFull) {
+    m_loop->Post([this] {
+      m_runner->With([](SourceEngine& engine, const Moment& now) { engine.CloseDataset(now); });
+    });
+  }
+  if (fault.empty() && sync) return Flush(index);
+  if (!fault.empty()) Log(Severity::kError, fault);
+  return fault.empty() ? 0 : ErrnoOf(fault);
+}
+
+int LiveSource::Write(std::size_t volume, std::uint64_t offset, Bytes data, bool sync) {
+  if (data.empty()) return sync ? Flush(volume) : 0;
+  // The one copy: the dataset shares it until the target has it.
+  std::shared_ptr<std::uint8_t[]> copy(new std::uint8_t[data.size()]);
+  std::copy(data.begin(), data.end(), copy.get());
+  CapturedWrite write{0, offset, static_cast<std::uint32_t>(data.size()), std::move(copy)};
+  return Carry(volume, std::move(write), sync,
+               [&] { return m_volumes[volume]->file->Write(offset, data); });
+}
+
+int LiveSource::Zero(std::size_t volume, std::uint64_t offset, std::uint32_t length, bool sync) {
+  if (length == 0) return sync ? Flush(volume) : 0;
+  return Carry(volume, {0, offset, length, nullptr}, sync,
+               [&] { return m_volumes[volume]->file->Zero(offset, length); });
+}
+
+int LiveSource::Flush(std::size_t volume) {
+  const auto fault = m_volumes[volume]->file->Sync();
+  if (!fault.empty()) Log(Severity::kError, fault);
+  return fault.empty() ? 0 : ErrnoOf(fault);
+}
+
+}  // namespace penstock

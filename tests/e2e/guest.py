@@ -1,0 +1,114 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A guest of penstock serve: nbdkit with the plugin, and a client that writes by NBD."""
+import json
+import os
+import signal
+import subprocess
+import sys
+import time
+
+from rig import LIMIT, PROGRAM
+
+try:
+    import nbd
+except ImportError:
+    print("skipped: python3-libnbd is not installed")
+    sys.exit(77)
+
+
+def wait_for(condition, what, limit=LIMIT):
+    end = time.monotonic() + limit
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError(f"{what}: not within {limit} s")
+        time.sleep(0.02)
+
+
+class Served:
+    """penstock serve on volumes; what it says goes to a file in its folder."""
+
+    def __init__(self, folder, address, volumes, *more, security=("--plaintext",), state="live"):
+        self.folder = folder
+        self.state = os.path.join(folder, state)
+        self.log = os.path.join(folder, state + ".log")
+        self._sink = open(self.log, "a", encoding="utf-8")
+        self._process = subprocess.Popen(
+            [PROGRAM, "serve", "--to", address, "--group", "g", "--state", self.state, *security,
+             *more, *[f"{name}={path}" for name, path in volumes.items()]],
+            stdout=subprocess.DEVNULL, stderr=self._sink)
+        self.socket = os.path.join(self.state, "nbd.sock")
+
+    def ready(self):
+        def is_there():
+            if self._process.poll() is not None:
+                raise AssertionError(f"serve ended with {self._process.returncode}: {self.said()}")
+            try:
+                self.guest(None).close()
+                return True
+            except nbd.Error:
+                return False
+
+        wait_for(is_there, "serving")
+        return self
+
+    def said(self):
+        with open(self.log, encoding="utf-8") as file:
+            return file.read()
+
+    def guest(self, volume):
+        client = nbd.NBD()
+        if volume is None:
+            client.set_opt_mode(True)
+        else:
+            client.set_export_name(volume)
+        client.connect_unix(self.socket)
+        return Guest(client)
+
+    def status(self):
+        done = subprocess.run([PROGRAM, "status", "--state", self.state, "--json"],
+                              capture_output=True, text=True, timeout=LIMIT, check=False)
+        return json.loads(done.stdout) if done.returncode == 0 else {"state": done.stderr.strip()}
+
+    def wait_state(self, state, limit=LIMIT):
+        wait_for(lambda: self.status()["state"] == state, f"state {state!r}", limit)
+
+    def order(self, *args):
+        done = subprocess.run([PROGRAM, args[0], "--state", self.state, *args[1:]],
+                              capture_output=True, text=True, timeout=LIMIT, check=False)
+        return done.returncode, done.stdout.strip(), done.stderr.strip()
+
+    def point(self, wait=None):
+        """The number of a point that is closed now; waits through times in which there is none."""
+        end = time.monotonic() + LIMIT
+        while time.monotonic() < end:
+            code, out, err = self.order("point", *(["--wait", wait] if wait else []))
+            if code == 0:
+                return int(out)
+            time.sleep(0.05)
+        raise AssertionError(f"no point: {err}; {self.status()}")
+
+    def end(self, number=signal.SIGTERM):
+        if self._process.poll() is None:
+            self._process.send_signal(number)
+        code = self._process.wait(LIMIT)
+        self._sink.close()
+        return code
+
+
+class Guest:
+    """A client, which is closed with the process that serves it."""
+
+    def __init__(self, client):
+        self._client = client
+
+    def __getattr__(self, name):
+        return getattr(self._client, name)
+
+    def close(self):
+        try:
+            if self._client.get_opt_mode() and self._client.aio_is_negotiating():
+                self._client.opt_abort()
+            else:
+                self._client.shutdown()
+        except nbd.Error:
+            pass

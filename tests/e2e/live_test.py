@@ -1,0 +1,243 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""penstock serve: what a guest writes gets to the target, whatever happens to either."""
+import os
+import signal
+import threading
+
+from guest import Served, wait_for
+from rig import BLOCK, MIB, Rig, main, run
+
+SMALL = ("--memory", "16M", "--max-dataset", "2M", "--interval", "100ms")
+
+
+class Live(Rig):
+    def serve(self, address, *more, state="live", volumes=None, **kwargs):
+        if volumes is None:
+            volumes = {"v": self.path("v.img")}
+        served = Served(self.folder, address, volumes, *more, state=state, **kwargs)
+        self.addCleanup(served.end, signal.SIGKILL)
+        return served.ready()
+
+    def copy(self, name="v"):
+        return self.read(os.path.join("volumes", "g", name + ".img"))
+
+    def assert_followed(self, served, *names):
+        served.point("flushed")
+        for name in names or ("v",):
+            self.assertTrue(self.read(name + ".img") == self.copy(name), f"{name} differs")
+
+    def scribble(self, guest, size, count, longest=40_000):
+        for _ in range(count):
+            offset = self.random.randrange(size)
+            length = min(size - offset, self.random.randrange(1, longest))
+            if self.random.random() < 0.2:
+                guest.trim(length, offset)
+            elif self.random.random() < 0.2:
+                guest.zero(length, offset)
+            else:
+                guest.pwrite(self.random.randbytes(length), offset)
+
+    def test_what_is_written_follows(self):
+        size = 5 * MIB + 123
+        self.image("v.img", size)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        guest = served.guest("v")
+        self.assertEqual(guest.get_size(), size)
+        for _ in range(5):
+            self.scribble(guest, size, 40)
+            self.assert_followed(served)
+        guest.close()  # nbdkit ends when its clients have
+        self.assertEqual(served.end(), 0)
+
+    def test_several_volumes_share_their_points(self):
+        self.image("a.img", MIB)
+        self.image("b.img", 2 * MIB)
+        _, address = self.target()
+        volumes = {"a": self.path("a.img"), "b": self.path("b.img")}
+        served = self.serve(address, *SMALL, volumes=volumes)
+        for name, size in (("a", MIB), ("b", 2 * MIB)):
+            self.scribble(served.guest(name), size, 50)
+        self.assert_followed(served, "a", "b")
+
+    def test_guests_that_write_over_each_other(self):
+        self.sparse("v.img", MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.wait_state("replicating")
+
+        def write(number):
+            guest = served.guest("v")
+            for i in range(300):
+                offset = (i * 7919 + number * 13) % (MIB - 9000)
+                guest.pwrite(bytes([number + 1]) * 9000, offset)
+
+        threads = [threading.Thread(target=write, args=(n,)) for n in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assert_followed(served)
+
+    def test_a_trim_is_a_hole_at_the_target(self):
+        self.image("v.img", 4 * MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.point("flushed")
+        served.guest("v").trim(3 * MIB, 0)
+        self.assert_followed(served)
+        self.assertLess(self.allocated(os.path.join("volumes", "g", "v.img")), 2 * MIB)
+
+    def test_a_clean_stop_needs_no_comparison(self):
+        self.image("v.img", 8 * MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        guest = served.guest("v")
+        self.scribble(guest, 8 * MIB, 30)
+        self.assert_followed(served)
+        guest.close()
+        self.assertEqual(served.end(), 0)
+        served = self.serve(address, *SMALL)
+        served.wait_state("replicating")
+        status = served.status()
+        self.assertEqual((status["markedBytes"], status["sentBytes"]), (0, 0), status)
+        self.assert_followed(served)
+
+    def test_after_a_kill_only_what_is_marked_is_compared(self):
+        self.image("v.img", 32 * MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.point("flushed")
+        self.assertEqual(served.end(), 0)
+        served = self.serve(address, *SMALL)
+        served.wait_state("replicating")
+        served.guest("v").pwrite(self.random.randbytes(BLOCK), 7 * MIB)
+        served.end(signal.SIGKILL)
+        served = self.serve(address, *SMALL)
+        self.assert_followed(served)
+        self.assertLessEqual(served.status()["rawBytes"], MIB, "one extent was marked")
+
+    def test_the_spool_holds_what_the_target_does_not_take(self):
+        self.image("v.img", 64 * MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none")
+        served.point("flushed")
+        self.stop(target)
+        guest = served.guest("v")
+        for i in range(40):
+            guest.pwrite(self.random.randbytes(MIB), i * MIB)
+        served.wait_state("spooling")
+        status = served.status()
+        self.assertGreater(status["spoolBytes"], 16 * MIB)
+        self.assertLessEqual(status["memoryBytes"], 18 * MIB)
+        self.assertEqual(status["overflows"], 0)
+        self.target(listen=address)
+        self.assert_followed(served)
+        status = served.status()
+        self.assertEqual((status["overflows"], status["spoolBytes"]), (0, 0), status)
+
+    def test_a_spool_outlives_its_process(self):
+        self.image("v.img", 64 * MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none")
+        served.point("flushed")
+        self.stop(target)
+        guest = served.guest("v")
+        for i in range(30):
+            guest.pwrite(self.random.randbytes(MIB), i * MIB)
+        wait_for(lambda: served.status()["spoolDatasets"] >= 5, "spooled")
+        served.end(signal.SIGKILL)
+        served = self.serve(address, *SMALL, "--compress", "none")
+        self.target(listen=address)
+        self.assert_followed(served)
+
+    def test_beyond_the_spool_changes_are_tracked(self):
+        self.image("v.img", 64 * MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none", "--spool-max", "10M")
+        served.point("flushed")
+        self.stop(target)
+        guest = served.guest("v")
+        for i in range(60):
+            guest.pwrite(self.random.randbytes(MIB), i * MIB)
+        served.wait_state("tracking only")
+        status = served.status()
+        self.assertGreater(status["markedBytes"], 20 * MIB)
+        code, _, err = served.order("point")
+        self.assertEqual(code, 3)
+        self.assertIn("there is no point now, the source is tracking only", err)
+        guest.trim(MIB, 3 * MIB)
+        self.target(listen=address)
+        self.scribble(guest, 64 * MIB, 50)
+        self.assert_followed(served)
+
+    def test_a_pause_holds_the_connection_and_nothing_else(self):
+        self.image("v.img", MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.point("flushed")
+        self.assertEqual(served.order("pause")[0], 0)
+        self.assertEqual(served.status()["state"], "paused")
+        self.scribble(served.guest("v"), MIB, 20)
+        before = served.status()
+        self.assertEqual(before["flushed"], served.status()["flushed"])
+        self.assertEqual(served.order("limit-rate", "100M")[1], "limited to 100M")
+        self.assertEqual(served.order("resume")[0], 0)
+        self.assert_followed(served)
+
+    def test_a_target_that_was_emptied_is_refused(self):
+        self.image("v.img", MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.point("flushed")
+        self.stop(target)
+        os.rename(self.path("state"), self.path("state.old"))
+        os.rename(self.path("volumes"), self.path("volumes.old"))
+        self.target(listen=address)
+        served.wait_state("stopped")
+        self.assertIn("was it restored from a copy", served.status()["failure"])
+        served.guest("v").pwrite(b"x" * BLOCK, 0)
+        served.end()
+        served = self.serve(address, *SMALL, "--take-over")
+        self.assert_followed(served)
+
+    def test_a_newer_source_fences_the_older(self):
+        self.image("v.img", MIB)
+        self.image("w.img", MIB)
+        _, address = self.target()
+        older = self.serve(address, *SMALL)
+        older.point("flushed")
+        newer = self.serve(address, *SMALL, state="other", volumes={"v": self.path("w.img")})
+        older.wait_state("stopped")
+        self.assertIn("fenced", older.status()["failure"])
+        older.guest("v").pwrite(b"y" * BLOCK, 0)
+        newer.point("flushed")
+        self.assertTrue(self.read("w.img") == self.copy())
+
+    def test_wrong_input_is_refused_in_one_line(self):
+        self.image("v.img", MIB)
+        common = ("--group", "g", "--state", self.path("live"), "--plaintext")
+        to = ("--to", "127.0.0.1:1")
+        volume = f"v={self.path('v.img')}"
+        self.refused(2, "is no interval", "serve", *to, *common, "--interval", "soon", volume)
+        self.refused(2, "at least 16M", "serve", *to, *common, "--memory", "1M", volume)
+        self.refused(2, "max-dataset", "serve", *to, *common, "--max-dataset", "1G", volume)
+        self.refused(2, "VOL=PATH", "serve", *to, *common, "v")
+        self.refused(2, "loopback", "serve", "--to", "192.0.2.1:7", *common, volume)
+        self.refused(3, "no source is running", "point", "--state", self.path("live"))
+
+    def test_a_state_directory_has_one_source(self):
+        self.image("v.img", MIB)
+        self.image("w.img", MIB)
+        _, address = self.target()
+        self.serve(address, *SMALL)
+        second = run("serve", "--to", address, "--group", "g", "--state", self.path("live"),
+                     "--plaintext", "--nbd", "unix:" + self.path("other.sock"),
+                     f"w={self.path('w.img')}")
+        self.assertNotEqual(second.code, 0)
+        self.assertIn("in use by another source", second.err)
+
+
+if __name__ == "__main__":
+    main()
