@@ -49,7 +49,7 @@ LiveState StateOf(const SourceStatus& status, bool isRecording) {
 
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
                            const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits) {
+                           const LiveLimits& limits, std::uint64_t lagMs) {
   const LiveState state = StateOf(status, capture.IsRecording());
   json out = {{"group", group},
               {"state", Text(state)},
@@ -61,6 +61,7 @@ std::string LiveStatusText(const std::string& group, const SourceStatus& status,
               {"applied", status.applied},
               {"flushed", status.flushed},
               {"lagDatasets", status.closed - std::min(status.closed, status.flushed)},
+              {"lagSeconds", static_cast<double>(lagMs) / 1000},
               {"memoryBytes", memoryUsed + capture.BytesHeld()},
               {"memoryLimit", limits.memory},
               {"spoolBytes", status.spooledBytes},
@@ -104,7 +105,8 @@ std::string LiveStatusTable(const std::string& text) {
                            std::to_string(number("durable")) + ", applied " +
                            std::to_string(number("applied")) + ", flushed " +
                            std::to_string(number("flushed")));
-  out += row("lag", std::to_string(number("lagDatasets")) + " datasets");
+  out += row("lag", HumanSeconds(static_cast<std::uint64_t>(status.value("lagSeconds", 0.0))) +
+                        ", " + std::to_string(number("lagDatasets")) + " datasets");
   out +=
       row("memory", HumanBytes(number("memoryBytes")) + " of " + HumanBytes(number("memoryLimit")));
   out += row("spool", HumanBytes(number("spoolBytes")) + " of " + HumanBytes(number("spoolLimit")) +
@@ -118,6 +120,24 @@ std::string LiveStatusTable(const std::string& text) {
     if (status.contains(name)) out += row(name, Escape(word(name)));
   }
   return out;
+}
+
+void LagClock::See(const SourceStatus& status, bool isRecording, std::uint64_t nowMs) {
+  if (!isRecording || status.resyncing) {
+    m_closed.clear();
+    if (m_outSince == 0) m_outSince = nowMs;
+    return;
+  }
+  m_outSince = 0;
+  if (status.closed > (m_closed.empty() ? status.flushed : m_closed.back().first)) {
+    m_closed.emplace_back(status.closed, nowMs);
+  }
+  while (!m_closed.empty() && m_closed.front().first <= status.flushed) m_closed.pop_front();
+}
+
+std::uint64_t LagClock::LagMs(std::uint64_t nowMs) const {
+  if (m_outSince != 0) return nowMs - m_outSince;
+  return m_closed.empty() ? 0 : nowMs - m_closed.front().second;
 }
 
 // --- The socket. ---
@@ -185,8 +205,12 @@ std::string Control::Do(Peer& peer, const std::string& text) {
   } else if (order != "status") {
     return Refusal("an order that this version does not know");
   }
+  return Status();
+}
+
+std::string Control::Status() const {
   return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture,
-                        m_runner.Engine().MemoryUsed(), m_limits);
+                        m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
 }
 
 std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent) {
@@ -216,6 +240,7 @@ bool Control::IsReached(const Peer& peer) const {
 
 void Control::Changed() {
   const SourceStatus& status = m_runner.Engine().Status();
+  m_lag.See(status, m_capture.IsRecording(), EventLoop::NowMs());
   for (Peer& peer : m_peers) {
     if (peer.point == 0) continue;
     if (IsReached(peer)) {

@@ -3,10 +3,12 @@
 #define PENSTOCK_CAPTURE_CONTROL_H_
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "engine/capture.h"
 #include "replicator/event_loop.h"
@@ -35,7 +37,22 @@ struct LiveLimits {
 };
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
                            const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits);
+                           const LiveLimits& limits, std::uint64_t lagMs);
+
+// How far the target is behind, in time: since when something that was closed is not flushed there,
+// or nothing could be closed for it.
+//
+// Threads: one at a time.
+class LagClock {
+ public:
+  // To be told after every change, with a clock that never goes back.
+  void See(const SourceStatus& status, bool isRecording, std::uint64_t nowMs);
+  std::uint64_t LagMs(std::uint64_t nowMs) const;
+
+ private:
+  std::deque<std::pair<std::uint64_t, std::uint64_t>> m_closed;  // numbers, and when they were seen
+  std::uint64_t m_outSince = 0;                                  // of order; 0: it is in order
+};
 
 // The same for people, from the JSON.
 std::string LiveStatusTable(const std::string& json);
@@ -71,6 +88,7 @@ class Control {
   void Take(std::unique_ptr<Connection> connection);
   void Answer(Place peer, const Frame& frame);
   std::string Do(Peer& peer, const std::string& text);
+  std::string Status() const;
   std::string ClosePoint(Peer& peer, const std::string& wait, bool consistent);
   bool IsReached(const Peer& peer) const;
 
@@ -79,6 +97,7 @@ class Control {
   const Capture& m_capture;
   std::string m_group;
   LiveLimits m_limits;
+  LagClock m_lag;
   std::list<Peer> m_peers;
   std::unique_ptr<Listener> m_listener;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Orders to a source that serves volumes: point, pause, resume, limit-rate.
+// Asks and orders to a source that serves volumes: point, check, pause, resume, limit-rate.
 #include <CLI/CLI.hpp>
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -8,8 +9,10 @@
 #include <utility>
 
 #include "capture/control.h"
+#include "capture/plugin_config.h"
 #include "replicator/cmd.h"
 #include "replicator/options.h"
+#include "replicator/progress.h"
 
 namespace penstock {
 
@@ -19,6 +22,7 @@ struct LiveFlags {
   std::string state;
   std::string wait;
   std::string rate;
+  std::string maxLag = "10s";
   bool consistent = false;
   bool json = false;
 };
@@ -53,6 +57,35 @@ int LimitRate(const LiveFlags& flags) {
   return Order(flags, {{"do", "limit-rate"}, {"bytes", bytes}}, "limited to " + flags.rate);
 }
 
+// As plugins of monitoring systems do: one line, and 0 fine, 1 warning, 2 critical, 3 unknown.
+int Check(const LiveFlags& flags) {
+  enum : int { kFine = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };
+  const auto say = [](int code, const std::string& text) {
+    constexpr std::array kWords = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+    std::printf("PENSTOCK %s: %s\n", kWords.at(static_cast<std::size_t>(code)), text.c_str());
+    return code;
+  };
+  std::uint64_t mostMs = 0;
+  if (auto fault = ParseInterval(flags.maxLag, mostMs); !fault.empty()) return say(kUnknown, fault);
+  std::string answer;
+  if (auto fault = AskControl(flags.state, R"({"do":"status"})", answer); !fault.empty()) {
+    return say(kCritical, fault);
+  }
+  const auto status = nlohmann::json::parse(answer);
+  const auto state = status.value("state", std::string());
+  const double lag = status.value("lagSeconds", 0.0);
+  char text[200];
+  std::snprintf(text, sizeof(text), "%s, %.1f s behind, %s of %s memory, %s spooled|lag=%.3fs",
+                state.c_str(), lag,
+                HumanBytes(status.value("memoryBytes", std::uint64_t{0})).c_str(),
+                HumanBytes(status.value("memoryLimit", std::uint64_t{0})).c_str(),
+                HumanBytes(status.value("spoolBytes", std::uint64_t{0})).c_str(), lag);
+  if (state == "stopped") return say(kCritical, text + (": " + status.value("failure", state)));
+  if (lag * 1000 > static_cast<double>(mostMs)) return say(kCritical, text);
+  const bool isCalm = state == "replicating" || state == "connecting";
+  return say(isCalm ? kFine : kWarning, text);
+}
+
 }  // namespace
 
 void AddLive(CLI::App& program, Chosen& chosen) {
@@ -71,6 +104,13 @@ void AddLive(CLI::App& program, Chosen& chosen) {
       return Order(*flags, request, {});
     };
   });
+  CLI::App* check = program.add_subcommand(
+      "check", "Looks at a source for monitoring: 0 fine, 1 warning, 2 critical, 3 unknown.");
+  check->add_option("--state", flags->state, "state directory of penstock serve")->required();
+  check->add_option("--max-lag", flags->maxLag, "critical beyond it: 500ms, 10s, 2m")
+      ->capture_default_str();
+  check->footer("Example: penstock check --state /var/lib/penstock-shop --max-lag 30s");
+  check->callback([flags, &chosen] { chosen = [flags] { return Check(*flags); }; });
   CLI::App* pause = AddOrder(
       program, "pause", "Ends a source's connection until resume: what is written waits.", *flags);
   pause->footer("Example: penstock pause --state /var/lib/penstock-shop");

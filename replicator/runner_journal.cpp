@@ -106,9 +106,9 @@ std::string Journal::DirectoryOfFile(const std::string& group, const std::string
 
 std::string Journal::PathOf(const std::string& group, const std::string& volume,
                             std::uint64_t n) const {
-  constexpr std::string_view kDigits = "0123456789abcdef";
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
   std::string name(16, '0');
-  for (std::size_t i = 0; i < name.size(); ++i) name[i] = kDigits[(n >> (60 - 4 * i)) & 0xfU];
+  for (std::size_t i = 0; i < name.size(); ++i) name[i] = kHexDigits[(n >> (60 - 4 * i)) & 0xfU];
   return DirectoryOfFile(group, volume, n) + "/" + name + ".ds";
 }
 

@@ -186,7 +186,7 @@ class Sync(Rig):
 
 class Help(Rig):
     def test_every_subcommand_shows_an_example(self):
-        for command in ("replicate", "target", "sync", "serve", "point", "pause", "resume",
+        for command in ("replicate", "target", "sync", "serve", "point", "check", "pause", "resume",
                         "limit-rate", "verify", "status", "inspect", "keygen"):
             result = run(command, "--help")
             self.assertEqual(result.code, 0, result)

@@ -172,6 +172,24 @@ class Live(Rig):
         self.scribble(guest, 64 * MIB, 50)
         self.assert_followed(served)
 
+    def test_monitoring_is_told_how_far_the_target_is_behind(self):
+        self.image("v.img", MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL)
+        served.point("flushed")
+        served.wait_state("replicating")
+        code, out, _ = served.order("check")
+        self.assertEqual(code, 0, out)
+        self.assertRegex(out, r"^PENSTOCK OK: replicating, 0.\d s behind, .*\|lag=0\.\d+s$")
+        self.stop(target)
+        served.guest("v").pwrite(b"z" * BLOCK, 0)
+        wait_for(lambda: served.status()["lagSeconds"] > 0.5, "a lag")
+        code, out, _ = served.order("check", "--max-lag", "300ms")
+        self.assertEqual(code, 2, out)
+        served.end(signal.SIGKILL)
+        self.assertEqual(served.order("check")[0], 2)
+        self.assertEqual(served.order("check", "--max-lag", "soon")[0], 3)
+
     def test_a_pause_holds_the_connection_and_nothing_else(self):
         self.image("v.img", MIB)
         _, address = self.target()
