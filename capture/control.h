@@ -55,7 +55,7 @@ class LagClock {
 };
 
 // The same for people, from the JSON.
-std::string LiveStatusTable(const std::string& json);
+std::string LiveStatusTable(const std::string& text);
 
 // The path of the socket in a state directory.
 std::string ControlPath(const std::string& directory);

@@ -64,6 +64,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   CaptureOptions capture;
   capture.datasetBytes = m_options.datasetBytes;
   capture.memory = m_options.memory;
+  const std::string maps = m_options.stateDirectory + "/maps/";
   for (const auto& [name, path] : m_options.volumes) {
     auto volume = std::make_unique<LiveVolume>();
     volume->name = name;
@@ -72,7 +73,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
     if (file->Size() == 0) return path + " is empty: there is nothing to serve";
     volume->file = std::move(file);
     std::string note;
-    auto fault = MapFile::Open(m_options.stateDirectory + "/maps/" + name + ".map",
+    auto fault = MapFile::Open(std::string(maps).append(name).append(".map"),
                                VolumeId(m_options.group, name), volume->file->Size(),
                                capture.extentBytes, volume->map, note);
     if (!fault.empty()) return fault;

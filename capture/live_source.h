@@ -75,7 +75,7 @@ class LiveSource {
   explicit LiveSource(LiveOptions options) : m_options(std::move(options)) {}
   std::string OpenVolumes(const SourceState& state);
   template <class Change>
-  int Carry(std::size_t volume, CapturedWrite write, bool sync, const Change& change);
+  int Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change);
   void Delay() const;
   void Run();
   void Changed();

@@ -15,7 +15,7 @@ namespace penstock {
 namespace {
 
 constexpr std::size_t kInFlight = 32;  // windows, of a megabyte each
-constexpr std::uint64_t kTickMs = 100;
+constexpr std::uint64_t kAskAgainMs = 100;
 
 struct Window {
   std::size_t volume = 0;
@@ -93,7 +93,7 @@ void VerifyRunner::Impl::Greet() {
 }
 
 void VerifyRunner::Impl::Tick() {
-  timer = loop.After(kTickMs, [this] { Tick(); });
+  timer = loop.After(kAskAgainMs, [this] { Tick(); });
   printer.Update(figures, EventLoop::NowMs());
 }
 
