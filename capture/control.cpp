@@ -15,9 +15,14 @@ using nlohmann::json;
 
 namespace {
 
+// A peer's text need not be UTF-8.
+std::string Dump(const json& value) {
+  return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
 constexpr std::uint64_t kAnswerMs = 10'000;
 
-std::string Refusal(const std::string& why) { return json{{"error", why}}.dump(); }
+std::string Refusal(const std::string& why) { return Dump(json{{"error", why}}); }
 
 }  // namespace
 
@@ -83,7 +88,7 @@ std::string LiveStatusText(const std::string& group, const SourceStatus& status,
   if (!status.lastOverflow.empty()) out["lastOverflow"] = status.lastOverflow;
   if (!status.lastTrouble.empty()) out["trouble"] = status.lastTrouble;
   if (!status.failure.empty()) out["failure"] = status.failure;
-  return out.dump();
+  return Dump(out);
 }
 
 std::string LiveStatusTable(const std::string& text) {
@@ -200,8 +205,10 @@ std::string Control::Do(Peer& peer, const std::string& text) {
     }
     m_runner.SetRateLimit(request["bytes"].get<std::uint64_t>());
   } else if (order == "point") {
-    return ClosePoint(peer, request.value("wait", std::string()),
-                      request.value("consistent", false));
+    const auto wait = request.value("wait", json(""));
+    const auto consistent = request.value("consistent", json(false));
+    if (!wait.is_string() || !consistent.is_boolean()) return Refusal("that is no request");
+    return ClosePoint(peer, wait.get<std::string>(), consistent.get<bool>());
   } else if (order != "status") {
     return Refusal("an order that this version does not know");
   }

@@ -36,18 +36,18 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
       !fault.empty()) {
     return fault;
   }
-  const auto json = nlohmann::json::parse(text, nullptr, false);
+  const auto object = nlohmann::json::parse(text, nullptr, false);
   const auto number = [&](const char* name, std::uint64_t& value) {
-    if (!json.contains(name) || !json[name].is_number_unsigned()) return false;
-    value = json[name].get<std::uint64_t>();
+    if (!object.contains(name) || !object[name].is_number_unsigned()) return false;
+    value = object[name].get<std::uint64_t>();
     return true;
   };
-  if (!json.is_object() || !number("epoch", out.epoch) || !number("flushed", out.flushed) ||
-      !number("age", out.age) || !json.contains("group") || !json["group"].is_string()) {
+  if (!object.is_object() || !number("epoch", out.epoch) || !number("flushed", out.flushed) ||
+      !number("age", out.age) || !object.contains("group") || !object["group"].is_string()) {
     return path + " is damaged; remove it to take the group up anew, which compares everything";
   }
-  if (json["group"].get<std::string>() != group) {
-    return directory + " belongs to group " + json["group"].get<std::string>() +
+  if (object["group"].get<std::string>() != group) {
+    return directory + " belongs to group " + object["group"].get<std::string>() +
            "; give each group a state directory of its own";
   }
   return {};
@@ -55,12 +55,12 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
 
 std::string WriteSourceState(const std::string& directory, const std::string& group,
                              const SourceState& state) {
-  const nlohmann::json json = {
+  const nlohmann::json object = {
       {"group", group}, {"epoch", state.epoch}, {"flushed", state.flushed}, {"age", state.age}};
   const std::string path = StatePath(directory);
   const std::string next = path + ".new";
   ::unlink(next.c_str());
-  if (auto fault = WriteNewFile(next, json.dump() + "\n"); !fault.empty()) return fault;
+  if (auto fault = WriteNewFile(next, object.dump() + "\n"); !fault.empty()) return fault;
   if (::rename(next.c_str(), path.c_str()) != 0) {
     return "can't replace " + path + ": " + ErrnoText(errno);
   }
@@ -84,7 +84,7 @@ std::string DiskStore::OpenSpool() {
 }
 
 std::string DiskStore::Prepare(std::vector<SpooledDataset>& found) {
-  if (m_spool.empty()) return {};
+  if (m_spool.empty()) return NextAge();
   if (auto fault = MakePrivateDirectory(m_spool); !fault.empty()) return fault;
   std::error_code error;
   std::vector<fs::path> others;
@@ -96,8 +96,21 @@ std::string DiskStore::Prepare(std::vector<SpooledDataset>& found) {
   }
   for (const fs::path& other : others) fs::remove_all(other, error);
   if (error) return "can't clean up " + m_spool + ": " + error.message();
+  // Each process has an age of its own, so that what it does not find, because the spool was
+  // elsewhere for a while or a removal was taken back, is never found again.
+  const std::string before = AgePath();
+  if (auto fault = NextAge(); !fault.empty()) return fault;
+  if (::rename(before.c_str(), AgePath().c_str()) != 0 && errno != ENOENT) {
+    return "can't rename " + before + ": " + ErrnoText(errno);
+  }
+  if (auto fault = SyncDirectory(m_spool); !fault.empty()) return fault;
   if (auto fault = OpenSpool(); !fault.empty()) return fault;
   return Scan(found);
+}
+
+std::string DiskStore::NextAge() {
+  ++m_state.age;
+  return WriteSourceState(m_directory, m_group, m_state);
 }
 
 std::string DiskStore::Scan(std::vector<SpooledDataset>& found) {
@@ -130,8 +143,6 @@ const LiveVolume* DiskStore::FindVolume(const UuidT& id) const {
 IoDone DiskStore::WriteFile(const SpoolWrite& command, const SpoolFile& file, SpoolDone& done) {
   const LiveVolume& volume = *FindVolume(file.volume);
   const std::uint64_t n = command.start.n;
-  // One that was left behind by a dataset that did not become whole.
-  m_journal->Remove({0, m_group, volume.name, n, false});
   IoDone step = m_journal->Open({0, m_group, volume.name, n, SpoolRecordOf(command.start)});
   if (step.status == IoStatus::kOk && !done.writer) {
     done.writer = m_journal->SerializerOf(m_group, volume.name, n);
@@ -149,6 +160,8 @@ IoDone DiskStore::WriteFile(const SpoolWrite& command, const SpoolFile& file, Sp
 SpoolDone DiskStore::Write(const SpoolWrite& command) {
   SpoolDone done;
   done.ticket = command.ticket;
+  // Files that were left behind by a dataset of this number that did not become whole.
+  Remove({command.start});
   JournalSyncDirs directories{0, m_group, {}};
   IoDone step;
   for (const SpoolFile& file : SpoolFilesOf(command.start, command.blocks)) {

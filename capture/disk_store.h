@@ -59,6 +59,7 @@ class DiskStore : public LiveStore {
 
  private:
   std::string AgePath() const { return m_spool + "/age-" + std::to_string(m_state.age); }
+  std::string NextAge();
   std::string OpenSpool();
   std::string Scan(std::vector<SpooledDataset>& found);
   const LiveVolume* FindVolume(const UuidT& id) const;

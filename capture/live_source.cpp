@@ -18,8 +18,11 @@ namespace penstock {
 
 namespace {
 
-// A guest is never held up for longer than this by a backlog that grows faster than it leaves.
-constexpr std::uint64_t kLongestDelayUs = 5'000;
+// A guest is never held up for longer than this by a backlog that grows faster than it leaves: for
+// each part of a write that was begun, and altogether.
+constexpr std::uint64_t kDelayUs = 5'000;
+constexpr std::uint64_t kDelayPart = 128U << 10U;
+constexpr std::uint64_t kLongestDelayUs = 40'000;
 
 int ErrnoOf(const std::string& fault) {
   return StatusOfFault(fault) == IoStatus::kNoSpace ? ENOSPC : EIO;
@@ -179,21 +182,23 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
 
 // Beyond three quarters of the memory each write waits a little, so that a backlog that can be
 // carried off in time need not be given up.
-void LiveSource::Delay() const {
+void LiveSource::Delay(std::uint64_t bytes) const {
   const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
   const std::uint64_t from = m_options.memory / 4 * 3;
   if (used <= from) return;
   const std::uint64_t share = std::min(used - from, m_options.memory / 4);
-  std::this_thread::sleep_for(
-      std::chrono::microseconds(kLongestDelayUs * share / (m_options.memory / 4)));
+  const std::uint64_t most = std::min(kDelayUs * (1 + bytes / kDelayPart), kLongestDelayUs);
+  std::this_thread::sleep_for(std::chrono::microseconds(most * share / (m_options.memory / 4)));
 }
 
 template <class Change>
 int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change) {
   LiveVolume& volume = *m_volumes[index];
   const auto number = static_cast<std::uint8_t>(index);
+  const std::uint64_t size = volume.file->Size();
+  if (write.offset > size || write.length > size - write.offset) return EINVAL;
   write.volume = number;
-  Delay();
+  Delay(write.data ? write.length : 0);
   std::string fault;
   bool isFull = false;
   {

@@ -50,6 +50,8 @@ std::string PluginConfig::TakeNumber(const std::string& key, const std::string& 
   } else if (key == "jobs") {
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), m_jobs);
     if (error != std::errc{} || end != value.data() + value.size()) fault = "not a number";
+  } else if (key == "spool-max" && value == "0") {
+    m_options.spoolBytes = 0;
   } else {
     fault = ParseBytes(value, *sizes.at(key));
   }

@@ -157,7 +157,8 @@ struct SpoolLoaded {
   std::string error;
   std::vector<BlockPtr> blocks;  // those that were written, in order
 };
-// Remove a dataset that the target has. Not answered.
+// Remove all files of the dataset of this number: the target has it. Not answered; a removal that a
+// crash takes back does no harm.
 struct SpoolRemove {
   DatasetStart start;
 };

@@ -45,7 +45,13 @@ void SourceEngine::Send(Frame frame) {
 // --- Events. ---
 
 void SourceEngine::Start(const Moment& now) {
-  if (m_status.phase == SourcePhase::kIdle) BeginConnect(now);
+  if (m_status.phase != SourcePhase::kIdle) return;
+  if (m_config.epoch != 0 || m_config.spooled.empty()) return BeginConnect(now);
+  // A spool without the history that it belongs to.
+  m_config.spooled.clear();
+  DropSpool();
+  SetPhase(SourcePhase::kBackoff);
+  m_deadline = now.steady;
 }
 
 void SourceEngine::BeginConnect(const Moment& now) {
@@ -303,7 +309,7 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
   m_told = {};
   m_tellAt = now.steady + m_config.progressEvery;
   if (!m_pipe) {
-    if (!BeginHistory(welcome)) return;
+    if (!BeginHistory(welcome, now)) return;
     m_told = ProgressNow();  // the target has said it itself
   } else if (!TakeHistory(welcome, now)) {
     return;
@@ -319,7 +325,7 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
 
 // The first WELCOME, and the first after the backlog was given up: the numbers go on from what the
 // target has. Returns false when the engine was given up.
-bool SourceEngine::BeginHistory(const Welcome& welcome) {
+bool SourceEngine::BeginHistory(const Welcome& welcome, const Moment& now) {
   const bool isKnown = m_hello.epoch != 0;
   const std::uint64_t least = std::max(m_config.flushed, m_status.durable);
   if (isKnown && (welcome.epoch != m_hello.epoch || welcome.durable < least)) {
@@ -336,7 +342,10 @@ bool SourceEngine::BeginHistory(const Welcome& welcome) {
   m_ackedChain = welcome.chain;
   m_chains[m_base] = welcome.chain;
   MakePipeline();
-  AdoptSpool();
+  if (!AdoptSpool()) {
+    Overflow("its spool has a gap", now);
+    return false;
+  }
   m_passAfter = m_last;
   if (m_config.feed == nullptr) return true;
   std::vector<bool> whole;
@@ -347,6 +356,9 @@ bool SourceEngine::BeginHistory(const Welcome& welcome) {
   }
   m_config.feed->Begin(whole);
   m_config.feed->Flushed(m_status.flushed);
+  // What has to be compared as a whole is so after a crash, too: before anything is compared, and
+  // before the epoch is known here.
+  if (std::find(whole.begin(), whole.end(), true) != whole.end()) SaveWhole();
   for (std::size_t i = 0; i < whole.size(); ++i) {
     m_passWanted = m_passWanted || m_config.feed->StaleBytes(static_cast<std::uint8_t>(i)) > 0;
   }

@@ -168,7 +168,7 @@ class SourceEngine {
   // first WELCOME, when the backlog was given up, and until what is stale begins to be compared.
   // `consistent`: the point is one of the application's own.
   std::uint64_t CloseDataset(const Moment& now, bool consistent = false);
-  // Wants all volumes compared again.
+  // Wants all volumes compared again; with a feed, what is stale of them.
   void Resync(const Moment& now);
   // Ends the connection until Resume; everything else goes on.
   void Pause(const Moment& now);
@@ -203,7 +203,7 @@ class SourceEngine {
   void TakeFrame(const Frame& frame, const Moment& now);
   void TakeWelcome(const Frame& frame, const Moment& now);
   bool TakeHistory(const Welcome& welcome, const Moment& now);
-  bool BeginHistory(const Welcome& welcome);
+  bool BeginHistory(const Welcome& welcome, const Moment& now);
   void MakePipeline();
   void TickOnline(const Moment& now);
   void TakeReport(FrameType type, const Frame& frame, const Moment& now);
@@ -264,7 +264,9 @@ class SourceEngine {
   void StoredInSpool(std::uint64_t n, Cursor& cursor);
   bool LoadFromSpool(Cursor& cursor);
   static void Unload(Cursor& cursor);
-  void AdoptSpool();
+  bool AdoptSpool();
+  void DropSpool();
+  void SaveWhole();
   void Overflow(const std::string& why, const Moment& now);
   void ForgetBacklog();
   void StepCheckpoint(const Moment& now);
@@ -330,11 +332,12 @@ class SourceEngine {
   // Live capture.
   Millis m_closeAt = 0;
   std::uint64_t m_spoolJob = 0;    // the dataset that is being written; 0: none
+  bool m_hasSpool = false;         // something of this history may be in it
   bool m_spoolDropping = false;    // nothing is connected before that is over
   std::uint64_t m_knownEpoch = 0;  // that is durable here
   Millis m_checkpointAt = 0;
   bool m_checkpointFailed = false;
-  enum class Clearing : std::uint8_t { kNo, kSyncing, kSaving };
+  enum class Clearing : std::uint8_t { kNo, kSyncing, kSaving, kSavingWhole };
   Clearing m_clearing = Clearing::kNo;
   bool m_clearsLast = false;  // the clearing under way is that of Finish
   bool m_finishing = false;

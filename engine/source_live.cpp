@@ -25,7 +25,12 @@ void SourceEngine::PushCaptured(const Moment& now) {
   if (feed == nullptr || !feed->HasWrites()) return;
   if (!HasOpenNormal()) PushNormal(now);
   for (const CapturedWrite& write : feed->TakeWrites(m_last)) {
-    if (PushWrite(write, now) != WriteResult::kOk) return;
+    const WriteResult result = PushWrite(write, now);
+    if (result == WriteResult::kOk) continue;
+    if (result == WriteResult::kOutside) {
+      GiveUp(ErrorCode::kFailed, "a write that is not within its volume was captured");
+    }
+    return;
   }
 }
 
@@ -41,7 +46,7 @@ void SourceEngine::StepClose(const Moment& now) {
 Millis SourceEngine::LiveDeadline() const {
   Millis next = std::numeric_limits<Millis>::max();
   if (m_config.feed == nullptr) return next;
-  if (m_pipe) next = m_closeAt;
+  if (MayPushCaptured()) next = m_closeAt;
   if (m_pipe && m_clearing == Clearing::kNo && m_config.feed->ColdExtents() > 0) {
     next = std::min(next, m_checkpointAt);
   }
@@ -50,26 +55,31 @@ Millis SourceEngine::LiveDeadline() const {
 
 // --- The spool. ---
 
-// Datasets that an earlier process left follow what the target has, or are worth nothing.
-void SourceEngine::AdoptSpool() {
+// Datasets that an earlier process left follow what the target has. Returns false when they don't:
+// what is behind a gap must never be taken for what follows, not after another crash either.
+bool SourceEngine::AdoptSpool() {
   for (SpooledDataset& found : std::exchange(m_config.spooled, {})) {
     const std::uint64_t n = found.start.n;
-    if (n != m_last + 1 && !(Planted(Fault::kSpoolGap) && n > m_last)) {
+    if (n <= m_last) {
       m_commands.emplace_back(SpoolRemove{found.start});
       continue;
     }
+    if (n != m_last + 1 && !Planted(Fault::kSpoolGap)) return false;
     Push(std::make_shared<Dataset>(n, true, ~std::uint64_t{0}, 0U), {0, found.start.timestampMs});
     CloseNewest();
     Cursor& cursor = m_cursors.at(n);
     cursor.start = std::move(found.start);
     cursor.spoolBytes = found.bytes;
     StoredInSpool(n, cursor);
+    m_hasSpool = true;
   }
+  return true;
 }
 
 // It is durable here: the pipeline need not hold it any longer.
 void SourceEngine::StoredInSpool(std::uint64_t n, Cursor& cursor) {
   cursor.spool = SpoolStage::kStored;
+  if (cursor.start.volumes.empty()) cursor.start.volumes.push_back(m_volumeIds.front());
   cursor.ds.reset();
   cursor.units.reset();
   cursor.isLoaded = cursor.started && !cursor.ended;
@@ -119,13 +129,15 @@ void SourceEngine::StepSpool(const Moment& now) {
 
 void SourceEngine::SpoolOne(std::uint64_t n, Cursor& cursor) {
   FillStart(cursor);
+  DatasetStart start = cursor.start;
   // What is to be found again has a file, also when nothing is in it.
-  if (cursor.start.volumes.empty()) cursor.start.volumes.push_back(m_volumeIds.front());
+  if (start.volumes.empty()) start.volumes.push_back(m_volumeIds.front());
   cursor.spool = SpoolStage::kWriting;
   m_spoolJob = n;
+  m_hasSpool = true;
   const Ticket ticket = ++m_lastTicket;
   m_jobs[ticket] = {n, 0, 0};
-  m_commands.emplace_back(SpoolWrite{ticket, cursor.start, cursor.blocks});
+  m_commands.emplace_back(SpoolWrite{ticket, std::move(start), cursor.blocks});
 }
 
 void SourceEngine::Completed(SpoolDone&& result, const Moment& now) {
@@ -199,6 +211,7 @@ void SourceEngine::Completed(SpoolLoaded&& result, const Moment& now) {
 // The backlog goes as a whole: from here on what changes is marked, until the target is reached
 // again and everything that is marked has been compared.
 void SourceEngine::Overflow(const std::string& why, const Moment& now) {
+  if (m_status.phase == SourcePhase::kStopped) return;
   ++m_status.overflows;
   m_status.lastOverflow = why;
   Say(NoteLevel::kNotice, "tracking only, the backlog is given up: " + why);
@@ -206,17 +219,21 @@ void SourceEngine::Overflow(const std::string& why, const Moment& now) {
   if (m_conn != 0) m_commands.emplace_back(CloseConn{m_conn, "the backlog is given up"});
   m_conn = 0;
   ForgetBacklog();
-  if (m_config.spoolBytes > 0 && !Planted(Fault::kSpoolAge)) {
-    // Not before that is durable may the target get anything new: what the spool holds would be
-    // older, and a crash could bring it back.
-    m_spoolDropping = true;
-    const Ticket ticket = ++m_lastTicket;
-    m_jobs[ticket] = {0, 0, 0};
-    m_commands.emplace_back(SpoolDrop{ticket});
-  }
+  if (m_config.spoolBytes > 0 || m_hasSpool) DropSpool();
   if (m_status.phase == SourcePhase::kPaused) return;
   SetPhase(SourcePhase::kBackoff);
   m_deadline = now.steady;
+}
+
+// Not before that is durable may the target get anything new: what the spool holds would be older,
+// and a crash could bring it back.
+void SourceEngine::DropSpool() {
+  if (Planted(Fault::kSpoolAge)) return;
+  m_spoolDropping = true;
+  m_hasSpool = false;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {0, 0, 0};
+  m_commands.emplace_back(SpoolDrop{ticket});
 }
 
 void SourceEngine::ForgetBacklog() {
@@ -265,13 +282,23 @@ void SourceEngine::StepCheckpoint(const Moment& now) {
   m_commands.emplace_back(Checkpoint{ticket, m_status.epoch, m_status.flushed});
 }
 
+void SourceEngine::SaveWhole() {
+  m_clearing = Clearing::kSavingWhole;
+  const Ticket ticket = ++m_lastTicket;
+  m_jobs[ticket] = {0, 0, 0};
+  m_commands.emplace_back(SaveMaps{ticket});
+}
+
 void SourceEngine::Completed(CheckpointDone&& result, const Moment& now) {
   const auto job = m_jobs.find(result.ticket);
   if (job == m_jobs.end()) return;
   const std::uint64_t epoch = job->second.n;
   m_jobs.erase(job);
   m_checkpointFailed = result.status != IoStatus::kOk;
-  if (m_checkpointFailed) {
+  if (m_clearing == Clearing::kSavingWhole) {
+    if (m_checkpointFailed) return GiveUp(ErrorCode::kFailed, result.error);
+    m_clearing = Clearing::kNo;
+  } else if (m_checkpointFailed) {
     Say(NoteLevel::kError, "can't clear the change map: " + result.error);
     m_clearing = Clearing::kNo;
     m_status.isFinished = m_clearsLast;

@@ -86,14 +86,16 @@ WriteResult SourceEngine::PushWrite(const CapturedWrite& write, const Moment& no
 
 std::uint64_t SourceEngine::CloseDataset(const Moment& now, bool consistent) {
   if (!m_pipe || m_status.phase == SourcePhase::kStopped) return 0;
-  if (m_config.feed != nullptr && !MayPushCaptured()) return 0;
+  if (m_config.feed != nullptr && (!MayPushCaptured() || !m_config.feed->IsRecording())) return 0;
   PushCaptured(now);
   if (!HasOpenNormal()) PushNormal(now);
+  if (!m_newest) return 0;  // given up
   if (consistent) m_newest->SetApplConsistentSnapshot();
   const std::uint64_t n = m_last;
   CloseNewest();
   Settle(now);
-  return n;
+  const bool isOrdered = m_pipe && m_status.phase != SourcePhase::kStopped;
+  return isOrdered ? n : 0;
 }
 
 // --- Reports, in the pipeline's order. ---

@@ -34,7 +34,8 @@ void SourceEngine::Resync(const Moment& now) {
 // --- The pass. ---
 
 bool SourceEngine::PassMayBegin() const {
-  return m_passWanted && !m_passing && m_status.applied >= m_passAfter;
+  return m_passWanted && !m_passing && m_status.applied >= m_passAfter &&
+         m_clearing != Clearing::kSavingWhole;
 }
 
 void SourceEngine::BeginPass() {
@@ -101,6 +102,9 @@ void SourceEngine::EndPass(const Moment& now) {
   }
   // Whatever the pass read of newer writes was captured before, and is in this one.
   if (!Planted(Fault::kCompleteTooEarly)) PushCaptured(now);
+  if (m_config.feed != nullptr && !m_config.feed->IsRecording()) {
+    return Overflow("its memory is full", now);
+  }
   if (!HasOpenNormal()) PushNormal(now);
   m_newest->SetInitialSyncComplete();
   m_status.syncedAt = m_last;

@@ -43,6 +43,9 @@ std::string SpoolScan::Add(const UuidT& volume, std::uint64_t n, FileBytes& file
     return "it is of another dataset or volume than its name says";
   }
   Found& known = m_found[n];
+  if (std::find(known.files.begin(), known.files.end(), volume) != known.files.end()) {
+    return "there are two of it";
+  }
   if (!known.files.empty() && known.start.volumes != found.start.volumes) {
     return "it is of another dataset than the files beside it";
   }

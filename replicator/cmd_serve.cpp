@@ -117,6 +117,7 @@ int RunServe(const ServeFlags& flags) {
   std::printf("serving NBD on %s\n", nbd.Text().c_str());
   std::fflush(stdout);
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
   ::execvp(arguments.front(), arguments.data());

@@ -47,7 +47,7 @@ int RunOfSource(const StatusFlags& flags) {
     if (!fault.empty()) return Complain(kExitFailed, fault);
     std::string text = answer + "\n";
     if (!flags.json) text = LiveStatusTable(answer);
-    if (flags.watch) text = (flags.json ? "" : "\x1b[H\x1b[2J") + text;
+    if (flags.watch && !flags.json) text.insert(0, "\x1b[H\x1b[2J");
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
     if (!flags.watch) return kExitDone;

@@ -80,6 +80,58 @@ TEST_F(TargetResync, OneThatBeginsHoldsBackThoseBehindIt) {
   EXPECT_EQ(m_states.at(0).durable, 4U);
 }
 
+// They were at one point together, and would not be when one of them moves on.
+TEST_F(TargetResync, OneThatBeginsTakesAllGoodVolumesOfItsSourceFromTheirPoint) {
+  Good({"a", "b"});
+  EXPECT_EQ(Resync(2, "a"), "commit a syncing b syncing") << "the state says so first";
+  EXPECT_EQ(Complete<CommitState>(), "write a");
+  Run();
+  EXPECT_EQ(StateOf("a"), "syncing@1");
+  EXPECT_EQ(StateOf("b"), "syncing@1");
+  Start(3, {}, kStartSyncComplete);
+  End();
+  Run();
+  EXPECT_EQ(StateOf("a"), "good@3");
+  EXPECT_EQ(StateOf("b"), "good@3");
+}
+
+TEST_F(TargetResync, OneThatBeginsLeavesVolumesThatItsSourceDoesNotName) {
+  Good({"a", "b"});
+  Hello({"a"}, 1);
+  Run();
+  EXPECT_EQ(Resync(2, "a"), "commit a syncing");
+  Run();
+  EXPECT_EQ(StateOf("b"), "good@2");
+}
+
+TEST_F(TargetResync, OneThatBeginsWaitsForTheOtherVolumesAlsoWhenItsOwnIsSyncing) {
+  m_volumes["a"] = kVolumeBytes;
+  Online({"a", "b"});
+  Resync(1, "a");
+  Run();
+  Start(2, {"b"});
+  End();
+  Run();
+  GroupState& state = m_states.at(0);
+  ASSERT_EQ(StateOf("a"), "syncing@0");
+  for (VolumeRecord& record : state.volumes) {
+    if (record.name == "b") record = {"b", kVolumeBytes, VolumeState::kGood, 2};
+  }
+  Boot();
+  Run();
+  Hello({"a", "b"}, 1);
+  Run();
+  EXPECT_EQ(Resync(3, "a"), "commit b syncing");
+  EXPECT_EQ(Complete<CommitState>(), "write a");
+}
+
+TEST_F(TargetResync, OneThatDoesNotBeginTakesNoOtherVolume) {
+  Good({"a", "b"});
+  EXPECT_EQ(Resync(2, "a", 0), "commit a syncing");
+  Run();
+  EXPECT_EQ(StateOf("b"), "good@2");
+}
+
 TEST_F(TargetResync, ThoseThatGoOnShareASyncACommitAndAnAck) {
   Good();
   Resync(2);

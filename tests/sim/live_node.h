@@ -105,7 +105,7 @@ class LiveNode {
   void Fetch(const FetchWindow& command);
   void Spool(const SpoolWrite& command);
   void SpoolFileStep(std::shared_ptr<SpoolWrite> command, std::size_t file);
-  IoStatus WriteSpoolFile(const SpoolWrite& command, std::size_t file);
+  IoStatus WriteSpoolFile(const SpoolWrite& command, std::size_t index);
   void SpoolCommands(SourceCommand& command);
   void RunSpool(std::function<void()> work);
   void CheckLimits();

@@ -46,7 +46,7 @@ std::vector<SpooledDataset> LiveNode::ScanSpool() {
     const std::string fault =
         scan.Add(volumes.at(name.substr(0, slash)), std::stoull(name.substr(slash + 1)), file);
     if (fault.empty()) continue;
-    m_world.Log("source: removes " + path + ": " + fault);
+    m_world.Log(std::string("source: removes ").append(path).append(": ").append(fault));
     m_disk.Remove(path);
   }
   auto whole = scan.Whole();
