@@ -324,10 +324,10 @@ TEST_F(Store, DropRemovesEverythingAndRaisesTheAgeDurably) {
   const SpoolDone done = m_store->Drop({21});
   EXPECT_EQ(done.ticket, 21U);
   EXPECT_EQ(done.status, IoStatus::kOk) << done.error;
-  EXPECT_THAT(Ages(), ElementsAre("age-1"));
+  EXPECT_THAT(Ages(), ElementsAre("age-2"));
   SourceState state;
   ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
-  EXPECT_EQ(state.age, 1U);
+  EXPECT_EQ(state.age, 2U);
   Write(StartOf(2), {BlockOf(0, 4096)});
   ASSERT_EQ(Open(), "");
   EXPECT_EQ(Found(), "2");
@@ -340,7 +340,17 @@ TEST_F(Store, ADropThatIsNotDurableLeavesTheSpool) {
   const SpoolDone done = m_store->Drop({21});
   EXPECT_EQ(done.status, IoStatus::kFailed);
   EXPECT_NE(done.error, "");
-  EXPECT_THAT(Ages(), ElementsAre("age-0"));
+  EXPECT_THAT(Ages(), ElementsAre("age-1"));
+}
+
+TEST_F(Store, WhatASpoolHeldThatWasElsewhereForAWhileIsNotFoundAgain) {
+  Write(StartOf(1), {BlockOf(0)});
+  const std::string first = std::exchange(m_spool, m_folder / "other");
+  ASSERT_EQ(Open(), "");
+  EXPECT_EQ(Found(), "");
+  m_spool = first;
+  ASSERT_EQ(Open(), "");
+  EXPECT_EQ(Found(), "") << "others are durable at the target by now";
 }
 
 // As after a crash between the new age and the removal of the old one's files.
@@ -350,7 +360,7 @@ TEST_F(Store, FilesOfAnotherAgeAreRemovedAtTheStart) {
   fs::create_directory(m_spool + "/age-77");
   ASSERT_EQ(Open(), "");
   EXPECT_EQ(Found(), "");
-  EXPECT_THAT(Ages(), ElementsAre("age-5"));
+  EXPECT_THAT(Ages(), ElementsAre("age-6"));
 }
 
 TEST_F(Store, WithoutASpoolNothingIsMade) {
@@ -385,13 +395,15 @@ TEST_F(Store, ACheckpointIsInTheStateAndKeepsTheAge) {
   EXPECT_EQ(done.status, IoStatus::kOk) << done.error;
   SourceState state;
   ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
-  EXPECT_EQ(StateText(state), "e4 f99 a1");
+  EXPECT_EQ(StateText(state), "e4 f99 a2");
 }
 
 TEST_F(Store, ACheckpointOfVolumesThatCannotBeSyncedIsNone) {
   m_volumes[1]->file->m_syncFailed = true;
   EXPECT_EQ(m_store->Keep({31, 4, 99}).status, IoStatus::kFailed);
-  EXPECT_FALSE(fs::exists(m_folder / "source.json"));
+  SourceState state;
+  ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
+  EXPECT_EQ(StateText(state), "e0 f0 a1") << "as it was";
 }
 
 TEST_F(Store, SavingWritesTheMapsOfAllVolumes) {

@@ -227,11 +227,11 @@ TEST_F(Live, WhatCannotBeServedIsRefused) {
 TEST_F(Live, TakingOverLeavesTheSpoolBehind) {
   LiveOptions options = Options();
   ASSERT_EQ(Open(options), "");
-  EXPECT_TRUE(fs::exists(m_folder / "state/spool/age-0"));
+  EXPECT_TRUE(fs::exists(m_folder / "state/spool/age-1"));
   options.takeOver = true;
   ASSERT_EQ(Open(options), "");
-  EXPECT_FALSE(fs::exists(m_folder / "state/spool/age-0"));
-  EXPECT_TRUE(fs::exists(m_folder / "state/spool/age-1"));
+  EXPECT_FALSE(fs::exists(m_folder / "state/spool/age-1"));
+  EXPECT_TRUE(fs::exists(m_folder / "state/spool/age-3"));
 }
 
 // --- Without a target. ---
