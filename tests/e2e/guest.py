@@ -34,7 +34,7 @@ class Served:
         self._sink = open(self.log, "a", encoding="utf-8")
         self._process = subprocess.Popen(
             [PROGRAM, "serve", "--to", address, "--group", "g", "--state", self.state, *security,
-             *more, *[f"{name}={path}" for name, path in volumes.items()]],
+             "--nbdkit", os.environ.get("PENSTOCK_NBDKIT", "nbdkit"), *more, *[f"{name}={path}" for name, path in volumes.items()]],
             stdout=subprocess.DEVNULL, stderr=self._sink)
         self.socket = os.path.join(self.state, "nbd.sock")
 
