@@ -122,7 +122,8 @@ class Manual(Rig):
 
     def test_the_page_has_every_subcommand_and_option(self):
         commands, options, _ = self.check_page(PROGRAM)
-        self.assertEqual(commands, ["replicate", "target", "sync", "verify", "status", "inspect",
+        self.assertEqual(commands, ["replicate", "target", "sync", "serve", "point", "check", "pause",
+                                    "resume", "limit-rate", "verify", "status", "inspect",
                                     "keygen"])
         self.assertGreater(options, 50)
 
