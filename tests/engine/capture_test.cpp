@@ -19,14 +19,14 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kExtent = 4096;
+constexpr std::uint64_t kCaptureExtent = 4096;
 using Ranges = std::vector<ChangeMap::Range>;
 
 class CaptureTest : public testing::Test {
  protected:
   CaptureTest() {
-    m_options.volumes = {{UuidT{{1}}, 16 * kExtent}, {UuidT{{2}}, 16 * kExtent}};
-    m_options.extentBytes = kExtent;
+    m_options.volumes = {{UuidT{{1}}, 16 * kCaptureExtent}, {UuidT{{2}}, 16 * kCaptureExtent}};
+    m_options.extentBytes = kCaptureExtent;
     m_options.hotExtents = 0;
     m_options.datasetBytes = 32 * kKiB;
     m_options.memory = 64 * kKiB;
@@ -117,22 +117,22 @@ TEST_F(CaptureTest, EveryVolumeHasItsOwnMap) {
 TEST_F(CaptureTest, WhatWasMarkedInAnEarlierProcessIsStale) {
   Begin();
   Write(0);
-  Write(5 * kExtent, 100, 1);
-  EXPECT_EQ(StaleAfterCrash(0), kExtent);
-  EXPECT_EQ(StaleAfterCrash(1), kExtent);
+  Write(5 * kCaptureExtent, 100, 1);
+  EXPECT_EQ(StaleAfterCrash(0), kCaptureExtent);
+  EXPECT_EQ(StaleAfterCrash(1), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, AVolumeOfWhichNothingIsKnownIsStaleWhole) {
   m_capture->LoadNothing(1);
   EXPECT_EQ(m_capture->StaleBytes(0), 0U);
-  EXPECT_EQ(m_capture->StaleBytes(1), 16 * kExtent);
-  EXPECT_EQ(m_capture->TotalStale(), 16 * kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(1), 16 * kCaptureExtent);
+  EXPECT_EQ(m_capture->TotalStale(), 16 * kCaptureExtent);
 }
 
 TEST_F(CaptureTest, AVolumeThatCannotBeReliedOnIsStaleWhole) {
   m_capture->Begin({false, true});
   EXPECT_EQ(m_capture->StaleBytes(0), 0U);
-  EXPECT_EQ(m_capture->StaleBytes(1), 16 * kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(1), 16 * kCaptureExtent);
 }
 
 // --- Tracking and recording. ---
@@ -141,18 +141,18 @@ TEST_F(CaptureTest, ItTracksUntilItIsToldToRecord) {
   EXPECT_FALSE(m_capture->IsRecording());
   Write(0);
   EXPECT_FALSE(m_capture->HasWrites());
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
   Begin();
   EXPECT_TRUE(m_capture->IsRecording());
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent) << "no dataset has it";
-  Write(kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent) << "no dataset has it";
+  Write(kCaptureExtent);
   EXPECT_TRUE(m_capture->HasWrites());
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, ATrimThatIsOnlyTrackedIsStaleToo) {
-  Write(0, kExtent, 0, true);
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  Write(0, kCaptureExtent, 0, true);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, AWriteThatBeganBeforeTheRecordingIsRecordedAtItsEnd) {
@@ -165,10 +165,10 @@ TEST_F(CaptureTest, AWriteThatBeganBeforeTheRecordingIsRecordedAtItsEnd) {
 
 TEST_F(CaptureTest, AWriteThatFailedMakesItsExtentsStale) {
   Begin();
-  m_capture->BeginWrite(0, kExtent - 1, 2);
+  m_capture->BeginWrite(0, kCaptureExtent - 1, 2);
   EXPECT_EQ(m_capture->StaleBytes(0), 0U);
-  m_capture->Failed(0, kExtent - 1, 2);
-  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kExtent);
+  m_capture->Failed(0, kCaptureExtent - 1, 2);
+  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
   EXPECT_FALSE(m_capture->HasWrites());
   EXPECT_EQ(m_capture->Writes(), 0U);
 }
@@ -216,9 +216,9 @@ TEST_F(CaptureTest, WhatNobodyTakesIsGivenUpWhenTheMemoryIsFull) {
   EXPECT_FALSE(m_capture->IsRecording());
   EXPECT_FALSE(m_capture->HasWrites());
   EXPECT_EQ(m_capture->BytesHeld(), 0U);
-  EXPECT_EQ(m_capture->StaleBytes(0), 4 * kExtent);
-  EXPECT_FALSE(Write(8 * kExtent)) << "only marked";
-  EXPECT_EQ(m_capture->StaleBytes(0), 5 * kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), 4 * kCaptureExtent);
+  EXPECT_FALSE(Write(8 * kCaptureExtent)) << "only marked";
+  EXPECT_EQ(m_capture->StaleBytes(0), 5 * kCaptureExtent);
 }
 
 // --- What is flushed. ---
@@ -239,14 +239,14 @@ TEST_F(CaptureTest, WhatIsInNoDatasetYetIsNotFlushed) {
   Begin();
   Write(0);
   Take(1);
-  Write(kExtent);
+  Write(kCaptureExtent);
   m_capture->Flushed(1);
   EXPECT_EQ(m_capture->ColdExtents(), 1U);
   Write(0);
   m_capture->Flushed(1);
   EXPECT_EQ(m_capture->ColdExtents(), 0U) << "it was written to again";
   Clear();
-  EXPECT_EQ(StaleAfterCrash(), 2 * kExtent);
+  EXPECT_EQ(StaleAfterCrash(), 2 * kCaptureExtent);
 }
 
 TEST_F(CaptureTest, AWriteThatIsUnderWayIsNotFlushed) {
@@ -266,7 +266,7 @@ TEST_F(CaptureTest, AWriteThatIsUnderWayIsNotFlushed) {
 TEST_F(CaptureTest, DatasetsAreFlushedInTheirOrderAlsoWhenSeveralAreAtOnce) {
   Begin();
   for (std::uint64_t i = 0; i < 4; ++i) {
-    Write(i * kExtent);
+    Write(i * kCaptureExtent);
     Take(i + 1);
   }
   m_capture->Flushed(3);
@@ -280,7 +280,7 @@ TEST_F(CaptureTest, HotExtentsStayMarkedUntilTheyAreCooled) {
   Open();
   Begin();
   Write(0);
-  Write(kExtent);
+  Write(kCaptureExtent);
   Take(1);
   m_capture->Flushed(1);
   EXPECT_EQ(m_capture->ColdExtents(), 1U);
@@ -291,25 +291,25 @@ TEST_F(CaptureTest, HotExtentsStayMarkedUntilTheyAreCooled) {
 TEST_F(CaptureTest, WhatIsWrittenDuringAClearingStaysMarked) {
   Begin();
   Write(0);
-  Write(kExtent);
+  Write(kCaptureExtent);
   Take(1);
   m_capture->Flushed(1);
   m_capture->BeginClear();
   Write(0);
   m_capture->EndClear();
   Save();
-  EXPECT_EQ(StaleAfterCrash(), kExtent);
+  EXPECT_EQ(StaleAfterCrash(), kCaptureExtent);
 }
 
 // --- Comparisons. ---
 
 TEST_F(CaptureTest, WhatIsComparedIsStaleNoMoreAndMarkedUntilItsDatasetIsFlushed) {
-  Write(2 * kExtent, 2 * kExtent);
+  Write(2 * kCaptureExtent, 2 * kCaptureExtent);
   Begin();
-  EXPECT_EQ(TakeStale(1), (Ranges{{2 * kExtent, 2 * kExtent}}));
+  EXPECT_EQ(TakeStale(1), (Ranges{{2 * kCaptureExtent, 2 * kCaptureExtent}}));
   EXPECT_EQ(m_capture->StaleBytes(0), 0U);
   EXPECT_EQ(m_capture->ColdExtents(), 0U);
-  EXPECT_EQ(StaleAfterCrash(), 2 * kExtent);
+  EXPECT_EQ(StaleAfterCrash(), 2 * kCaptureExtent);
   m_capture->Flushed(1);
   EXPECT_EQ(m_capture->ColdExtents(), 2U);
 }
@@ -322,17 +322,17 @@ TEST_F(CaptureTest, NothingStaleIsNoRange) {
 TEST_F(CaptureTest, AComparisonTakesNoMoreThanItMay) {
   m_capture->LoadNothing(0);
   Begin();
-  EXPECT_EQ(TakeStale(1, 3 * kExtent), (Ranges{{0, 3 * kExtent}}));
-  EXPECT_EQ(m_capture->StaleBytes(0), 13 * kExtent);
-  EXPECT_EQ(TakeStale(2), (Ranges{{3 * kExtent, 13 * kExtent}}));
+  EXPECT_EQ(TakeStale(1, 3 * kCaptureExtent), (Ranges{{0, 3 * kCaptureExtent}}));
+  EXPECT_EQ(m_capture->StaleBytes(0), 13 * kCaptureExtent);
+  EXPECT_EQ(TakeStale(2), (Ranges{{3 * kCaptureExtent, 13 * kCaptureExtent}}));
 }
 
 TEST_F(CaptureTest, AllRangesButTheLastAreOfWholeWindows) {
   Write(0);
-  Write(4 * kExtent);
+  Write(4 * kCaptureExtent);
   Begin();
-  EXPECT_EQ(TakeStale(1), (Ranges{{0, kExtent}})) << "the next dataset takes the other";
-  EXPECT_EQ(TakeStale(2), (Ranges{{4 * kExtent, kExtent}}));
+  EXPECT_EQ(TakeStale(1), (Ranges{{0, kCaptureExtent}})) << "the next dataset takes the other";
+  EXPECT_EQ(TakeStale(2), (Ranges{{4 * kCaptureExtent, kCaptureExtent}}));
 
   m_options.volumes = {{UuidT{{1}}, 4 * kWindowBytes}};
   m_options.extentBytes = kWindowBytes;
@@ -346,9 +346,9 @@ TEST_F(CaptureTest, AllRangesButTheLastAreOfWholeWindows) {
 TEST_F(CaptureTest, AWriteBeforeAComparisonIsFlushedWithItsOwnDataset) {
   Write(0);
   Begin();
-  m_capture->BeginWrite(0, kExtent, 100);
+  m_capture->BeginWrite(0, kCaptureExtent, 100);
   TakeStale(1);
-  m_capture->Captured(WriteOf(kExtent, 100));
+  m_capture->Captured(WriteOf(kCaptureExtent, 100));
   m_capture->Flushed(1);
   EXPECT_EQ(m_capture->ColdExtents(), 0U) << "the open dataset began before the comparison's";
   Take(2);
@@ -371,16 +371,16 @@ TEST_F(CaptureTest, AComparisonIsFlushedWithoutAnyWrites) {
 TEST_F(CaptureTest, WhatIsNotFlushedIsStaleWhenTheBacklogIsGivenUp) {
   Begin();
   for (std::uint64_t i = 0; i < 3; ++i) {
-    Write(i * kExtent);
+    Write(i * kCaptureExtent);
     if (i < 2) Take(i + 1);
   }
   m_capture->Flushed(1);
   m_capture->Lose();
   EXPECT_FALSE(m_capture->IsRecording());
   EXPECT_FALSE(m_capture->HasWrites());
-  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
   Begin();
-  EXPECT_EQ(TakeStale(2), (Ranges{{kExtent, 2 * kExtent}}));
+  EXPECT_EQ(TakeStale(2), (Ranges{{kCaptureExtent, 2 * kCaptureExtent}}));
 }
 
 TEST_F(CaptureTest, AComparisonThatWasGivenUpIsStaleAgain) {
@@ -388,7 +388,7 @@ TEST_F(CaptureTest, AComparisonThatWasGivenUpIsStaleAgain) {
   Begin();
   TakeStale(1);
   m_capture->Lose();
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, AWriteThatWasUnderWayWhenItWasGivenUpIsStaleAtItsEnd) {
@@ -396,7 +396,7 @@ TEST_F(CaptureTest, AWriteThatWasUnderWayWhenItWasGivenUpIsStaleAtItsEnd) {
   m_capture->BeginWrite(0, 0, 100);
   m_capture->Lose();
   m_capture->Captured(WriteOf(0, 100));
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, NumbersMayGoBackWhenTheBacklogIsGivenUp) {
@@ -408,7 +408,7 @@ TEST_F(CaptureTest, NumbersMayGoBackWhenTheBacklogIsGivenUp) {
   TakeStale(5);
   m_capture->Flushed(5);
   EXPECT_EQ(m_capture->ColdExtents(), 1U) << "what was compared";
-  Write(kExtent);
+  Write(kCaptureExtent);
   Take(6);
   m_capture->Flushed(5);
   EXPECT_EQ(m_capture->ColdExtents(), 1U);

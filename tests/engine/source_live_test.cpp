@@ -9,7 +9,7 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kExtent = 4096;
+constexpr std::uint64_t kLiveExtent = 4096;
 
 class SourceLive : public SourceRig {
  protected:
@@ -18,7 +18,7 @@ class SourceLive : public SourceRig {
     m_config.epoch = 1;
     m_config.compress = {Codec::kRaw, 1, false};
     m_state = VolumeState::kGood;
-    m_options.extentBytes = kExtent;
+    m_options.extentBytes = kLiveExtent;
     m_options.hotExtents = 0;
     Open();
   }
@@ -188,7 +188,7 @@ TEST_F(SourceLive, APipelineThatTakesNoWritesIsTheEnd) {
   CloseNumber();
   EXPECT_EQ(Phase(), "stopped");
   EXPECT_FALSE(m_capture->IsRecording()) << "what comes from here on is marked";
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kLiveExtent);
 }
 
 // It must stay stopped, also when it was the clock that closed.
@@ -341,13 +341,13 @@ TEST_F(SourceLive, NothingIsPushedWhileAPassIsDue) {
 
 TEST_F(SourceLive, OnlyWhatIsStaleIsCompared) {
   Guest(4096);
-  Guest(3 * kExtent, 4096, 1);
+  Guest(3 * kLiveExtent, 4096, 1);
   Begin();
   m_remote = m_disk;
-  Differ(3 * kExtent, 1, 1);
+  Differ(3 * kLiveExtent, 1, 1);
   Connected();
   Welcome();
-  EXPECT_EQ(Status().passBytes, 2 * kExtent);
+  EXPECT_EQ(Status().passBytes, 2 * kLiveExtent);
   EXPECT_EQ(Work(),
             "QUERY 1 4096+4096, QUERY 2 12288+4096, END 1, START 2 resync begins, "
             "BLOCK 0 raw 12288+4096, END 2, START 3 complete, END 3");
@@ -369,7 +369,7 @@ TEST_F(SourceLive, AFailedWriteIsComparedByTheNextPass) {
   Online();
   m_capture->BeginWrite(0, 4096, 100);
   m_capture->Failed(0, 4096, 100);
-  EXPECT_EQ(m_capture->StaleBytes(0), kExtent);
+  EXPECT_EQ(m_capture->StaleBytes(0), kLiveExtent);
   m_engine->Resync(m_now);
   EXPECT_EQ(Work(), "START 1 resync begins, QUERY 1 4096+4096, END 1, START 2 complete, END 2");
 }
@@ -445,7 +445,7 @@ TEST_F(SourceLive, AFewMarksAreClearedNowAndThen) {
   GetThrough();
   Answer<Checkpoint>();
   Answer<SaveMaps>();
-  Guest(kExtent);
+  Guest(kLiveExtent);
   GetThrough();
   EXPECT_EQ(Asked(), "");
   const Millis before = m_now.steady;
@@ -461,11 +461,11 @@ TEST_F(SourceLive, ManyMarksAreClearedAtOnceAndOneClearingIsUnderWayAtATime) {
   m_config.clearExtents = 2;
   Online();
   Guest(0);
-  Guest(kExtent);
+  Guest(kLiveExtent);
   GetThrough();
   EXPECT_EQ(Asked(), "checkpoint 1");
-  Guest(2 * kExtent);
-  Guest(3 * kExtent);
+  Guest(2 * kLiveExtent);
+  Guest(3 * kLiveExtent);
   GetThrough();
   EXPECT_EQ(Asked(), "checkpoint 1");
   Answer<Checkpoint>();
@@ -500,7 +500,7 @@ TEST_F(SourceLive, MapsThatCouldNotBeSavedAreSavedWithTheNextClearing) {
   Answer<Checkpoint>();
   Answer<SaveMaps>(IoStatus::kNoSpace);
   EXPECT_EQ(Asked(), "");
-  Guest(kExtent);
+  Guest(kLiveExtent);
   GetThrough();
   EXPECT_EQ(Asked(), "") << "it failed a moment ago";
   Wait(m_config.clearAfter);

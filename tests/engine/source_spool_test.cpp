@@ -10,7 +10,7 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kExtent = 4096;
+constexpr std::uint64_t kSpoolExtent = 4096;
 constexpr std::uint64_t kFile = 1000;        // bytes, as the spool says
 constexpr std::uint64_t kHeld = 8192 + 256;  // of a dataset in memory
 
@@ -23,7 +23,7 @@ class SourceSpool : public SourceRig {
     m_config.spoolBytes = kMiB;
     m_state = VolumeState::kGood;
     m_options.volumes = {{UuidT{{1}}, m_config.volumes[0].size}};
-    m_options.extentBytes = kExtent;
+    m_options.extentBytes = kSpoolExtent;
     Open();
   }
   void Open() {
