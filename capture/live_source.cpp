@@ -80,7 +80,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
                                VolumeId(m_options.group, name), volume->file->Size(),
                                capture.extentBytes, volume->map, note);
     if (!fault.empty()) return fault;
-    if (!note.empty()) Log(Severity::kInfo, "volume " + name + ": " + note);
+    if (!note.empty()) Log(Severity::kInfo, note, {{"volume", name}});
     capture.volumes.push_back({volume->map->Id(), volume->file->Size()});
     m_config.volumes.push_back({name, volume->file->Size()});
     m_volumes.push_back(std::move(volume));
