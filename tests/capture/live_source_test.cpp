@@ -323,6 +323,7 @@ TEST_F(Live, ManyGuestThreadsGetToTheTargetInTheOrderOfTheVolume) {
   StartWithTarget();
   auto chance = Chance();
   std::vector<std::thread> guests;
+  guests.reserve(4);
   for (int i = 0; i < 4; ++i) {
     guests.emplace_back([this, seed = chance()] {
       std::mt19937_64 random(seed);

@@ -40,13 +40,13 @@ std::function<int()> g_onSync;  // NOLINT(cert-err58-cpp): an empty function
 }  // namespace
 }  // namespace penstock
 
-extern "C" int fdatasync(int fd) {
+extern "C" int fdatasync(int fildes) {
   const int error = penstock::g_onSync ? penstock::g_onSync() : 0;
   if (error != 0) {
     errno = error;
     return -1;
   }
-  return static_cast<int>(::syscall(SYS_fdatasync, fd));
+  return static_cast<int>(::syscall(SYS_fdatasync, fildes));
 }
 
 namespace penstock {
@@ -276,6 +276,7 @@ TEST_F(MapOnDisk, ManyThreadsShareOneSave) {
   for (std::uint64_t extent = 0; extent < 16; ++extent) generations.push_back(Begin(extent));
   std::atomic<int> saved = 0;
   std::vector<std::thread> threads;
+  threads.reserve(generations.size());
   for (const std::uint64_t generation : generations) {
     threads.emplace_back([&, generation] { saved += m_map->EnsureSaved(generation) ? 1 : 0; });
   }

@@ -334,13 +334,14 @@ TEST_F(CaptureTest, AllRangesButTheLastAreOfWholeWindows) {
   EXPECT_EQ(TakeStale(1), (Ranges{{0, kCaptureExtent}})) << "the next dataset takes the other";
   EXPECT_EQ(TakeStale(2), (Ranges{{4 * kCaptureExtent, kCaptureExtent}}));
 
-  m_options.volumes = {{UuidT{{1}}, 4 * kWindowBytes}};
+  m_options.volumes = {{UuidT{{1}}, 4UL * kWindowBytes}};
   m_options.extentBytes = kWindowBytes;
   Open();
   Write(0);
-  Write(2 * kWindowBytes);
+  Write(2UL * kWindowBytes);
   Begin();
-  EXPECT_EQ(TakeStale(1, 4 * kMiB), (Ranges{{0, kWindowBytes}, {2 * kWindowBytes, kWindowBytes}}));
+  EXPECT_EQ(TakeStale(1, 4 * kMiB),
+            (Ranges{{0, kWindowBytes}, {2UL * kWindowBytes, kWindowBytes}}));
 }
 
 TEST_F(CaptureTest, AWriteBeforeAComparisonIsFlushedWithItsOwnDataset) {

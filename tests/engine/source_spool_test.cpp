@@ -560,7 +560,7 @@ TEST_F(SourceSpool, WhatWasGivenUpIsComparedAndTheNumbersGoOnFromTheTarget) {
   EXPECT_TRUE(Status().resyncing);
   Wait(0);
   Connected();
-  Guest(7 * 8192);
+  Guest(7UL * 8192);
   EXPECT_FALSE(m_capture->HasWrites()) << "it tracks";
   Welcome([](struct Welcome& welcome) { welcome.durable = welcome.applied = 2; });
   EXPECT_TRUE(m_capture->IsRecording());
