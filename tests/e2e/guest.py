@@ -15,6 +15,8 @@ except ImportError:
     print("skipped: python3-libnbd is not installed")
     sys.exit(77)
 
+NBDKIT = os.environ.get("PENSTOCK_NBDKIT", "nbdkit")
+
 
 def wait_for(condition, what, limit=LIMIT):
     end = time.monotonic() + limit
@@ -34,7 +36,7 @@ class Served:
         self._sink = open(self.log, "a", encoding="utf-8")
         self._process = subprocess.Popen(
             [PROGRAM, "serve", "--to", address, "--group", "g", "--state", self.state, *security,
-             "--nbdkit", os.environ.get("PENSTOCK_NBDKIT", "nbdkit"), *more, *[f"{name}={path}" for name, path in volumes.items()]],
+             "--nbdkit", NBDKIT, *more, *[f"{name}={path}" for name, path in volumes.items()]],
             stdout=subprocess.DEVNULL, stderr=self._sink)
         self.socket = os.path.join(self.state, "nbd.sock")
 

@@ -5,7 +5,7 @@ import os
 import signal
 import threading
 
-from guest import Served, wait_for
+from guest import NBDKIT, Served, wait_for
 from rig import BLOCK, MIB, Rig, main, run
 
 SMALL = ("--memory", "16M", "--max-dataset", "2M", "--interval", "100ms")
@@ -251,7 +251,7 @@ class Live(Rig):
         _, address = self.target()
         self.serve(address, *SMALL)
         second = run("serve", "--to", address, "--group", "g", "--state", self.path("live"),
-                     "--plaintext", "--nbd", "unix:" + self.path("other.sock"),
+                     "--plaintext", "--nbdkit", NBDKIT, "--nbd", "unix:" + self.path("other.sock"),
                      f"w={self.path('w.img')}")
         self.assertNotEqual(second.code, 0)
         self.assertIn("in use by another source", second.err)
