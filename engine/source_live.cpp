@@ -149,8 +149,6 @@ void SourceEngine::Completed(SpoolDone&& result, const Moment& now) {
   if (n == 0) {  // SpoolDrop
     m_spoolDropping = false;
     if (result.status != IoStatus::kOk) {
-      Say(NoteLevel::kError, "can't empty the spool: " + result.error);
-      m_config.spoolBytes = 0;
       return GiveUp(ErrorCode::kFailed, "can't empty the spool: " + result.error +
                                             "; mend that, and start the source again");
     }

@@ -6,25 +6,10 @@
 # usage: examples/replicate.sh [IMAGE]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=/dev/null
+. "$root/examples/setup.sh"
 packages=(g++ cmake ninja-build pkg-config python3 openssl e2fsprogs libboost1.81-dev libssl-dev
   libzstd-dev liblz4-dev libxxhash-dev libsqlite3-dev libspdlog-dev nlohmann-json3-dev libcli11-dev)
-
-install() {
-  local missing=()
-  for package in "${packages[@]}"; do
-    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
-      missing+=("$package")
-  done
-  [[ ${#missing[@]} -eq 0 ]] && return
-  if [[ $(id -u) -ne 0 ]]; then
-    echo "examples/replicate.sh: install these packages first: ${missing[*]}" >&2
-    exit 2
-  fi
-  echo "installing: ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get -qq update
-  apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null
-}
 
 build() {
   cmake -S "$root" -B "$root/build/program" -G Ninja -DCMAKE_BUILD_TYPE=Release \
@@ -55,7 +40,7 @@ if [[ $# -gt 1 || ($# -eq 1 && ! -r $1) ]]; then
   exit 2
 fi
 
-install
+install_packages "${packages[@]}"
 echo "== building"
 build
 penstock="$root/build/program/replicator/penstock"
