@@ -140,6 +140,10 @@ void ChangeMap::MarkAll() {
     if (!Has(m_bits, extent)) Mark(extent);
     MakeStale(extent);
   }
+  // What has to be compared stays marked: it is neither hot nor cold.
+  m_hot.clear();
+  m_cold.clear();
+  std::erase_if(m_known, [](const auto& known) { return known.second.kind != Kind::kBusy; });
 }
 
 void ChangeMap::MakeStale(std::uint64_t extent) {

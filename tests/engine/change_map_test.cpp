@@ -156,6 +156,26 @@ TEST_F(Changes, AWriteUnderWayWhileTheBacklogIsLostIsKept) {
   EXPECT_EQ(AfterCrash(), (Ranges{{0, kExtent}}));
 }
 
+// The target has lost what it had of the volume.
+TEST_F(Changes, WhatIsColdOrHotWhenNothingIsKnownAnyMoreStaysMarked) {
+  for (std::uint64_t i = 0; i < 4; ++i) Write(i * kExtent, 1, 1);
+  m_map.Flushed(1);
+  ASSERT_EQ(m_map.ColdExtents(), 2U);
+  m_map.BeginClear();
+  m_map.MarkAll();
+  EXPECT_EQ(m_map.ColdExtents(), 0U);
+  m_map.EndClear();
+  m_map.Cool();
+  Clear();
+  EXPECT_EQ(AfterCrash(), (Ranges{{0, m_bytes}}));
+  EXPECT_EQ(m_map.TakeStale(2, ~std::uint64_t{0}), (Ranges{{0, m_bytes}}));
+  EXPECT_EQ(AfterCrash(), (Ranges{{0, m_bytes}})) << "it is being compared";
+  m_map.Flushed(2);
+  m_map.Cool();
+  Clear();
+  EXPECT_EQ(AfterCrash(), Ranges{});
+}
+
 TEST_F(Changes, StaleRangesComeInPortions) {
   m_map.MarkAll();
   EXPECT_EQ(m_map.StaleBytes(), m_bytes);
