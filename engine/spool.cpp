@@ -24,6 +24,15 @@ std::shared_ptr<OM_DP::DatasetStartv2> SpoolRecordOf(const DatasetStart& start) 
   return record;
 }
 
+namespace {
+
+// Of two files that were found under one number: what the source wrote to all files of a dataset.
+bool IsOneDataset(const DatasetStart& a, const DatasetStart& b) {
+  return a.timestampMs == b.timestampMs && a.flags == b.flags && a.volumes == b.volumes;
+}
+
+}  // namespace
+
 std::string SpoolScan::Add(const UuidT& volume, std::uint64_t n, FileBytes& file) {
   Found found;
   DatasetFileVisitor visitor;
@@ -46,7 +55,7 @@ std::string SpoolScan::Add(const UuidT& volume, std::uint64_t n, FileBytes& file
   if (std::find(known.files.begin(), known.files.end(), volume) != known.files.end()) {
     return "there are two of it";
   }
-  if (!known.files.empty() && known.start.volumes != found.start.volumes) {
+  if (!known.files.empty() && !IsOneDataset(known.start, found.start)) {
     return "it is of another dataset than the files beside it";
   }
   known.start = std::move(found.start);

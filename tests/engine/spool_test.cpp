@@ -208,5 +208,18 @@ TEST_F(Spool, FilesOfTwoDatasetsWithOneNumberAreNotMixed) {
   EXPECT_EQ(Whole(), "");
 }
 
+// As a dataset leaves them that was being written when its source was killed, and of which the next
+// source had one of the same number.
+TEST_F(Spool, FilesOfTwoTimesAreNotMixed) {
+  DatasetStart start = StartOf(1, {"a", "b"});
+  EXPECT_EQ(Add(FileOf(start, {}), 1, "a"), "");
+  ++start.timestampMs;
+  EXPECT_EQ(Add(FileOf(start, {}), 1, "b"), "it is of another dataset than the files beside it");
+  --start.timestampMs;
+  start.flags = kStartConsistent;
+  EXPECT_EQ(Add(FileOf(start, {}), 1, "b"), "it is of another dataset than the files beside it");
+  EXPECT_EQ(Whole(), "");
+}
+
 }  // namespace
 }  // namespace penstock
