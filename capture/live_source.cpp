@@ -24,6 +24,9 @@ constexpr std::uint64_t kDelayUs = 5'000;
 constexpr std::uint64_t kDelayPart = 128U << 10U;
 constexpr std::uint64_t kLongestDelayUs = 40'000;
 
+// What a guest asks for at a time, zeros apart.
+constexpr std::uint32_t kMostReadBack = 32U << 20U;
+
 int ErrnoOf(const std::string& fault) {
   return StatusOfFault(fault) == IoStatus::kNoSpace ? ENOSPC : EIO;
 }
@@ -191,6 +194,16 @@ void LiveSource::Delay(std::uint64_t bytes) const {
   std::this_thread::sleep_for(std::chrono::microseconds(most * share / (m_options.memory / 4)));
 }
 
+// A volume that refused a write may have taken a part of it. Makes `write` what is there now, for
+// the target must have that. Returns false when it can't be read.
+bool LiveSource::ReadBack(const VolumeFile& file, CapturedWrite& write) {
+  if (write.length > kMostReadBack) return false;
+  std::shared_ptr<std::uint8_t[]> now(new std::uint8_t[write.length]);
+  if (!file.Read(write.offset, {now.get(), write.length}).empty()) return false;
+  write.data = std::move(now);
+  return true;
+}
+
 template <class Change>
 int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change) {
   LiveVolume& volume = *m_volumes[index];
@@ -209,7 +222,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
       return EIO;
     }
     fault = change();
-    if (fault.empty()) {
+    if (fault.empty() || ReadBack(*volume.file, write)) {
       isFull = m_capture->Captured(std::move(write));
     } else {
       m_capture->Failed(number, write.offset, write.length);

@@ -76,6 +76,7 @@ class LiveSource {
   std::string OpenVolumes(const SourceState& state);
   template <class Change>
   int Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change);
+  static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
   void Delay(std::uint64_t bytes) const;
   void Run();
   void Changed();
