@@ -16,6 +16,7 @@ except ImportError:
     sys.exit(77)
 
 NBDKIT = os.environ.get("PENSTOCK_NBDKIT", "nbdkit")
+PLUGIN = os.environ.get("PENSTOCK_PLUGIN")
 
 
 def wait_for(condition, what, limit=LIMIT):
@@ -32,13 +33,16 @@ class Served:
     def __init__(self, folder, address, volumes, *more, security=("--plaintext",), state="live"):
         self.folder = folder
         self.state = os.path.join(folder, state)
-        self.log = os.path.join(folder, state + ".log")
+        self.log = os.path.join(folder, os.path.basename(state) + ".log")
         self._sink = open(self.log, "a", encoding="utf-8")
-        self._process = subprocess.Popen(
-            [PROGRAM, "serve", "--to", address, "--group", "g", "--state", self.state, *security,
-             "--nbdkit", NBDKIT, *more, *[f"{name}={path}" for name, path in volumes.items()]],
-            stdout=subprocess.DEVNULL, stderr=self._sink)
         self.socket = os.path.join(self.state, "nbd.sock")
+        self._process = subprocess.Popen(self.command(address, volumes, more, security),
+                                         stdout=subprocess.DEVNULL, stderr=self._sink)
+
+    def command(self, address, volumes, more, security):
+        return [PROGRAM, "serve", "--to", address, "--group", "g", "--state", self.state,
+                *security, "--nbdkit", NBDKIT, *more,
+                *[f"{name}={path}" for name, path in volumes.items()]]
 
     def ready(self):
         def is_there():
@@ -56,6 +60,11 @@ class Served:
     def said(self):
         with open(self.log, encoding="utf-8") as file:
             return file.read()
+
+    def bytes_read(self):
+        """By the process, of files."""
+        with open(f"/proc/{self._process.pid}/io", encoding="utf-8") as file:
+            return int(file.readline().split()[1])
 
     def guest(self, volume):
         client = nbd.NBD()
@@ -95,6 +104,22 @@ class Served:
         code = self._process.wait(LIMIT)
         self._sink.close()
         return code
+
+
+class Filtered(Served):
+    """nbdkit itself, with filters before the plugin; `more` and `security` are their keys and the
+    plugin's, as key=value."""
+
+    def __init__(self, *args, filters=(), **kwargs):
+        self.filters = filters
+        super().__init__(*args, **kwargs)
+
+    def command(self, address, volumes, more, security):
+        os.makedirs(self.state, mode=0o700, exist_ok=True)
+        return [NBDKIT, "--foreground", "--unix", self.socket,
+                *[f"--filter={name}" for name in self.filters], PLUGIN,
+                f"to={address}", "group=g", f"state={self.state}", *security, *more,
+                *[f"{name}={path}" for name, path in volumes.items()]]
 
 
 class Guest:
