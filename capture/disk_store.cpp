@@ -87,12 +87,11 @@ std::string DiskStore::Prepare(std::vector<SpooledDataset>& found) {
   if (m_spool.empty()) return NextAge();
   if (auto fault = MakePrivateDirectory(m_spool); !fault.empty()) return fault;
   std::error_code error;
+  const std::string own = fs::path(AgePath()).filename().string();
   std::vector<fs::path> others;
   for (const auto& entry : fs::directory_iterator(m_spool, error)) {
     const std::string name = entry.path().filename().string();
-    if (name.starts_with("age-") && entry.path().string() != AgePath()) {
-      others.push_back(entry.path());
-    }
+    if (name.starts_with("age-") && name != own) others.push_back(entry.path());
   }
   for (const fs::path& other : others) fs::remove_all(other, error);
   if (error) return "can't clean up " + m_spool + ": " + error.message();

@@ -353,6 +353,15 @@ TEST_F(Store, WhatASpoolHeldThatWasElsewhereForAWhileIsNotFoundAgain) {
   EXPECT_EQ(Found(), "") << "others are durable at the target by now";
 }
 
+TEST_F(Store, ASpoolIsTheSameHoweverItsPathIsWritten) {
+  Write(StartOf(1), {BlockOf(0)});
+  for (const char* more : {"/", "//", "/."}) {
+    m_spool = m_folder / "spool" + more;
+    ASSERT_EQ(Open(), "");
+    EXPECT_EQ(Found(), "1") << more;
+  }
+}
+
 // As after a crash between the new age and the removal of the old one's files.
 TEST_F(Store, FilesOfAnotherAgeAreRemovedAtTheStart) {
   Write(StartOf(1), {BlockOf(0)});
