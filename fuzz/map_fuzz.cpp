@@ -253,8 +253,9 @@ class Driven {
     const std::uint64_t extent =
         std::min(places[m_in.Below(std::size(places))] + m_in.Below(4), m_extents - 1);
     Writer writer;
-    writer.offset = std::min(extent * kExtent + m_in.Byte() * 16U, m_bytes - 1);
-    writer.length = std::min<std::uint64_t>(1 + m_in.Byte() * 48U, m_bytes - writer.offset);
+    writer.offset = std::min(extent * kExtent + std::uint64_t{m_in.Byte()} * 16, m_bytes - 1);
+    writer.length =
+        std::min<std::uint64_t>(1 + std::uint64_t{m_in.Byte()} * 48, m_bytes - writer.offset);
     writer.waitsFor = m_map.Begin(writer.offset, writer.length);
     FUZZ_CHECK(writer.waitsFor == 0 || writer.waitsFor > m_map.SavedGeneration());
     Watch(writer.offset / kExtent, LastOf(writer));
@@ -322,7 +323,7 @@ class Driven {
   void TakeStale() {
     const std::uint64_t n = m_open++;
     const std::uint64_t unit = m_in.Flag() ? 1 : 4 * kExtent;
-    const std::uint64_t most = m_in.Below(6) * 3 * kExtent;
+    const std::uint64_t most = std::uint64_t{m_in.Below(6)} * 3 * kExtent;
     const std::uint64_t before = m_map.StaleBytes();
     std::uint64_t taken = 0;
     std::uint64_t end = 0;

@@ -162,7 +162,7 @@ class Test:
 
     # --- A round. ---
 
-    def write_until_cut(self):
+    def start_writers(self):
         """In a part of each volume that is a few extents."""
         writers = []
         for volume in self.volumes:
@@ -170,21 +170,36 @@ class Test:
             first = self.rng.randrange(blocks)
             hot = range(first, min(first + self.rng.choice((10, 300, 600)), blocks))
             writers.append(Writer(self, volume, hot))
-        is_alone = self.rng.random() < 0.4
-        if is_alone:
-            self.target.send_signal(signal.SIGSTOP)
         for writer in writers:
             writer.start()
-        time.sleep(self.rng.random() ** 2 * 0.8)
-        self.cut()
+        return writers
+
+    def end_writers(self, writers):
         for writer in writers:
             writer.is_over.set()
-        self.served.end(signal.SIGKILL)
+        if self.is_dark:
+            self.served.end(signal.SIGKILL)
         for writer in writers:
             writer.join(LIMIT)
             need(not writer.fault, f"a guest was refused with power on: {writer.fault}")
+            writer.guest.close()
+
+    def write_until_cut(self):
+        is_alone = self.rng.random() < 0.4
+        if is_alone:
+            self.target.send_signal(signal.SIGSTOP)
+        writers = self.start_writers()
+        time.sleep(self.rng.random() ** 2 * 0.8)
+        self.cut()
+        self.end_writers(writers)
         if is_alone:
             self.target.send_signal(signal.SIGCONT)
+
+    def write_and_stop(self):
+        writers = self.start_writers()
+        time.sleep(self.rng.random() * 0.1)
+        self.end_writers(writers)
+        self.stop_cleanly()
 
     def bytes_in_spool(self):
         return sum(os.path.getsize(os.path.join(at, name))
@@ -239,7 +254,7 @@ class Test:
             self.served.end(signal.SIGKILL)
             return
         # What a clean stop leaves needs no comparison, also when the power goes at once.
-        self.stop_cleanly()
+        self.write_and_stop()
         self.cut()
         self.recover()
         self.converge()
