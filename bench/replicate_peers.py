@@ -261,8 +261,9 @@ class FloorUpdate(Peer):
         return [self.programs["floor_update"], "source", address, image]
 
 
-def find_programs(build):
-    """Everything that is there, by name. Ends when the build lacks what is measured."""
+def find_programs(build, more=()):
+    """Everything that is there, by name, with these tools. Ends when the build lacks what is
+    measured."""
     programs = {"penstock": os.path.join(build, "replicator", "penstock")}
     for name in ("floor_copy", "floor_update", "shaped_relay", "commit"):
         programs[name] = os.path.join(build, "bench", "penstock_" + name)
@@ -271,7 +272,7 @@ def find_programs(build):
             raise Trouble(f"no {path}: build it with 'cmake --preset release &&"
                           " cmake --build --preset release'")
     search = os.environ.get("PATH", os.defpath) + ":/usr/sbin:/sbin"
-    for tool in PACKAGES:
+    for tool in (*PACKAGES, *more):
         if path := shutil.which(tool, path=search):
             programs[tool] = path
     return programs

@@ -30,6 +30,12 @@ class Report:
         self.goals.append({"what": what, "value": value, "limit": limit, "met": met})
         return f"{value:.2f}" + ("" if met else " (missed)")
 
+    def least(self, what, value, limit):
+        """The same for what may not be less."""
+        met = value >= limit
+        self.goals.append({"what": what, "value": value, "limit": limit, "met": met})
+        return f"{value:.2f}" + ("" if met else " (missed)")
+
     def keep(self, section, measured):
         """Raw figures of a section, for --json."""
         for name, samples in measured.items():

@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -18,17 +20,28 @@ namespace penstock {
 
 namespace {
 
-// A guest is never held up for longer than this by a backlog that grows faster than it leaves: for
-// each part of a write that was begun, and altogether.
-constexpr std::uint64_t kDelayUs = 5'000;
-constexpr std::uint64_t kDelayPart = 128U << 10U;
-constexpr std::uint64_t kLongestDelayUs = 40'000;
+// Of the memory: slabs that payloads share, and what is kept of those that nobody uses.
+constexpr std::uint64_t kSlabPart = 64;
+constexpr std::uint64_t kKeptPart = 4;
+constexpr std::uint64_t kMinSlab = 64U << 10U;
+constexpr std::uint64_t kMaxSlab = 4U << 20U;
+
+// Shorter than this is not waited for: a timer is not that exact.
+constexpr std::chrono::microseconds kLeastDelay{50};
 
 // What a guest asks for at a time, zeros apart.
 constexpr std::uint32_t kMostReadBack = 32U << 20U;
 
 int ErrnoOf(const std::string& fault) {
   return StatusOfFault(fault) == IoStatus::kNoSpace ? ENOSPC : EIO;
+}
+
+// The guest's requests come first: what gets its writes away takes the processors that they leave,
+// and a quarter of one that they don't. For the calling thread alone; where the system refuses, it
+// is as before.
+void GiveWay() {
+  constexpr int kNice = 5;
+  ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
 }
 
 // One process at a time has a state directory.
@@ -89,6 +102,9 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
     m_volumes.push_back(std::move(volume));
   }
   m_capture = std::make_unique<Capture>(capture);
+  m_payloads = std::make_unique<PayloadPool>(
+      std::clamp<std::uint64_t>(m_options.memory / kSlabPart, kMinSlab, kMaxSlab),
+      m_options.memory / kKeptPart);
   for (std::size_t i = 0; i < m_volumes.size(); ++i) {
     auto fault = m_volumes[i]->map->Load(*m_capture, static_cast<std::uint8_t>(i));
     if (!fault.empty()) return fault;
@@ -120,12 +136,16 @@ std::string LiveSource::Start() {
   options.endpoint = m_options.endpoint;
   options.connect = m_options.connect;
   options.store = m_store;
+  options.onThread = GiveWay;
   m_runner = std::make_unique<SourceRunner>(*m_loop, std::move(options));
   m_control = std::make_unique<Control>(*m_loop, *m_runner, *m_capture, m_options.group,
                                         LiveLimits{m_options.memory, m_options.spoolBytes});
   if (auto fault = m_control->Open(m_options.stateDirectory); !fault.empty()) return fault;
   m_loop->Post([this] { m_runner->Start([this] { Changed(); }); });
-  m_thread = std::thread([this] { m_loop->Run(); });
+  m_thread = std::thread([this] {
+    GiveWay();
+    m_loop->Run();
+  });
   return {};
 }
 
@@ -184,14 +204,22 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
 }
 
 // Beyond three quarters of the memory each write waits a little, so that a backlog that can be
-// carried off in time need not be given up.
-void LiveSource::Delay(std::uint64_t bytes) const {
+// carried off in time need not be given up. It is never held up for longer than half of what it
+// took anyway: a guest that writes faster than the backlog can leave goes on at two thirds of its
+// speed at least, and the backlog is given up.
+void LiveSource::Delay(std::chrono::steady_clock::time_point begin) const {
   const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
-  const std::uint64_t from = m_options.memory / 4 * 3;
-  if (used <= from) return;
-  const std::uint64_t share = std::min(used - from, m_options.memory / 4);
-  const std::uint64_t most = std::min(kDelayUs * (1 + bytes / kDelayPart), kLongestDelayUs);
-  std::this_thread::sleep_for(std::chrono::microseconds(most * share / (m_options.memory / 4)));
+  const std::uint64_t part = m_options.memory / 4;
+  if (used <= 3 * part) return;
+  const std::uint64_t share = std::min(used - 3 * part, part);
+  // Of this thread: what was too short to be waited for.
+  thread_local std::chrono::nanoseconds owed{0};
+  const auto took = std::chrono::steady_clock::now() - begin;
+  owed +=
+      took / 2 * static_cast<std::int64_t>(share * 1024 / std::max<std::uint64_t>(part, 1)) / 1024;
+  if (owed < kLeastDelay) return;
+  std::this_thread::sleep_for(owed);
+  owed = std::chrono::nanoseconds{0};
 }
 
 // A volume that refused a write may have taken a part of it. Makes `write` what is there now, for
@@ -211,7 +239,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
   const std::uint64_t size = volume.file->Size();
   if (write.offset > size || write.length > size - write.offset) return EINVAL;
   write.volume = number;
-  Delay(write.data ? write.length : 0);
+  const auto begin = std::chrono::steady_clock::now();
   std::string fault;
   bool isFull = false;
   {
@@ -233,6 +261,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
       m_runner->With([](SourceEngine& engine, const Moment& now) { engine.CloseDataset(now); });
     });
   }
+  Delay(begin);
   if (fault.empty() && sync) return Flush(index);
   if (!fault.empty()) Log(Severity::kError, fault);
   return fault.empty() ? 0 : ErrnoOf(fault);
@@ -241,7 +270,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
 int LiveSource::Write(std::size_t volume, std::uint64_t offset, Bytes data, bool sync) {
   if (data.empty()) return sync ? Flush(volume) : 0;
   // The one copy: the dataset shares it until the target has it.
-  std::shared_ptr<std::uint8_t[]> copy(new std::uint8_t[data.size()]);
+  std::shared_ptr<std::uint8_t[]> copy = m_payloads->Take(data.size());
   std::copy(data.begin(), data.end(), copy.get());
   CapturedWrite write{0, offset, static_cast<std::uint32_t>(data.size()), std::move(copy)};
   return Carry(volume, std::move(write), sync,

@@ -3,6 +3,7 @@
 #define PENSTOCK_CAPTURE_LIVE_SOURCE_H_
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -14,6 +15,7 @@
 
 #include "capture/control.h"
 #include "capture/disk_store.h"
+#include "capture/payload_pool.h"
 #include "engine/capture.h"
 #include "replicator/event_loop.h"
 #include "replicator/runner_source.h"
@@ -77,7 +79,7 @@ class LiveSource {
   template <class Change>
   int Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change);
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
-  void Delay(std::uint64_t bytes) const;
+  void Delay(std::chrono::steady_clock::time_point begin) const;
   void Run();
   void Changed();
   void TryStop();
@@ -86,6 +88,7 @@ class LiveSource {
   Fd m_lock;
   std::vector<std::unique_ptr<LiveVolume>> m_volumes;
   std::unique_ptr<Capture> m_capture;
+  std::unique_ptr<PayloadPool> m_payloads;
   std::shared_ptr<DiskStore> m_store;
   SourceConfig m_config;
   // Of the thread.

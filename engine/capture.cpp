@@ -97,10 +97,7 @@ void Capture::Saved(std::uint8_t volume, std::uint64_t generation) {
 
 // --- For people. ---
 
-std::uint64_t Capture::BytesHeld() const {
-  const std::lock_guard lock(m_mutex);
-  return m_held;
-}
+std::uint64_t Capture::BytesHeld() const { return m_held.load(std::memory_order_relaxed); }
 
 std::uint64_t Capture::Writes() const {
   const std::lock_guard lock(m_mutex);

@@ -2,6 +2,7 @@
 #ifndef PENSTOCK_ENGINE_CAPTURE_H_
 #define PENSTOCK_ENGINE_CAPTURE_H_
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -74,7 +75,7 @@ class Capture : public SourceFeed {
 
   // --- For people. ---
 
-  std::uint64_t BytesHeld() const;
+  std::uint64_t BytesHeld() const;  // takes no lock
   std::uint64_t Writes() const;
   std::uint64_t BytesWritten() const;
   std::uint64_t Marks() const;  // saves that a write had to wait for
@@ -109,7 +110,7 @@ class Capture : public SourceFeed {
   std::vector<ChangeMap> m_maps;
   bool m_recording = false;
   std::vector<CapturedWrite> m_writes;
-  std::uint64_t m_held = 0;
+  std::atomic<std::uint64_t> m_held{0};  // changed under the lock
   bool m_closeWanted = false;
   Place m_open = 1;  // of what is being captured
   Place m_lastPlace = 1;

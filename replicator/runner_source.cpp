@@ -62,8 +62,8 @@ struct SourceRunner::Impl {
         engine(options.config),
         timer(theLoop),
         windows(kWindowBytes, options.config.memory / kWindowBytes),
-        pool(theLoop, options.jobs) {
-    if (options.store) disk = std::make_unique<WorkerPool>(theLoop, 2);
+        pool(theLoop, options.jobs, 0, options.onThread) {
+    if (options.store) disk = std::make_unique<WorkerPool>(theLoop, 2, 0, options.onThread);
   }
 
   void Settle();

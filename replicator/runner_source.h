@@ -20,6 +20,7 @@ struct SourceOptions {
       config;  // names, sizes and order of the volumes as in `volumes`; random is filled in
   std::vector<std::shared_ptr<VolumeFile>> volumes;
   unsigned jobs = 2;
+  std::function<void()> onThread;  // runs first on each worker's thread
   // Where the target is. Or, when `makeSocket` is given, what makes a socket that is connected to
   // it: returns -1, and says why in `error`.
   Endpoint endpoint;

@@ -114,11 +114,14 @@ void WorkerPool::Impl::Deliver() {
   }
 }
 
-WorkerPool::WorkerPool(EventLoop& loop, unsigned threads, std::size_t queue)
+WorkerPool::WorkerPool(EventLoop& loop, unsigned threads, std::size_t queue, const Task& begin)
     : m_impl(std::make_shared<Impl>(loop, queue)) {
   const SignalsBlocked blocked;
   for (unsigned i = 0; i < std::max(threads, 1U); ++i) {
-    m_impl->threads.emplace_back([impl = m_impl.get()] { impl->RunThread(); });
+    m_impl->threads.emplace_back([impl = m_impl.get(), begin] {
+      if (begin) begin();
+      impl->RunThread();
+    });
   }
 }
 

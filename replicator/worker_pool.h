@@ -26,8 +26,9 @@ class WorkerPool {
  public:
   using Task = std::function<void()>;
 
-  // Starts `threads` (at least 1). At most `queue` jobs wait or run at a time; 0: no limit.
-  WorkerPool(EventLoop& loop, unsigned threads, std::size_t queue = 0);
+  // Starts `threads` (at least 1). At most `queue` jobs wait or run at a time; 0: no limit. `begin`
+  // runs first on each thread.
+  WorkerPool(EventLoop& loop, unsigned threads, std::size_t queue = 0, const Task& begin = {});
   // As Stop().
   ~WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
