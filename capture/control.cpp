@@ -207,8 +207,11 @@ std::string Control::Do(Peer& peer, const std::string& text) {
   } else if (order == "point") {
     const auto wait = request.value("wait", json(""));
     const auto consistent = request.value("consistent", json(false));
-    if (!wait.is_string() || !consistent.is_boolean()) return Refusal("that is no request");
-    return ClosePoint(peer, wait.get<std::string>(), consistent.get<bool>());
+    const auto mark = request.value("mark", json(""));
+    if (!wait.is_string() || !consistent.is_boolean() || !mark.is_string()) {
+      return Refusal("that is no request");
+    }
+    return ClosePoint(peer, wait, consistent, mark);
   } else if (order != "status") {
     return Refusal("an order that this version does not know");
   }
@@ -220,13 +223,19 @@ std::string Control::Status() const {
                         m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
 }
 
-std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent) {
+std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent,
+                                const std::string& mark) {
   if (!wait.empty() && wait != "durable" && wait != "applied" && wait != "flushed") {
     return Refusal("a point can be waited for until it is durable, applied or flushed");
   }
+  if (!mark.empty() && !IsPointName(mark)) {
+    return Refusal("a mark is printable ASCII, " + std::to_string(kMaxPointNameBytes) +
+                   " characters at most");
+  }
   std::uint64_t n = 0;
-  m_runner.With(
-      [&](SourceEngine& engine, const Moment& now) { n = engine.CloseDataset(now, consistent); });
+  m_runner.With([&](SourceEngine& engine, const Moment& now) {
+    n = engine.CloseDataset(now, consistent, mark);
+  });
   if (n == 0) {
     const LiveState state = StateOf(m_runner.Engine().Status(), m_capture.IsRecording());
     return Refusal(std::string("there is no point now, the source is ") + Text(state));

@@ -61,7 +61,8 @@ std::string LiveStatusTable(const std::string& text);
 std::string ControlPath(const std::string& directory);
 
 // Listens on a UNIX socket in the state directory, mode 0600, for whoever may look into that: asks
-// and orders as JSON, one object each way: {"do": "status"}, {"do": "point", "wait": "durable"},
+// and orders as JSON, one object each way: {"do": "status"}, {"do": "point", "wait": "durable",
+// "mark": "before the upgrade"},
 // {"do": "pause"}, {"do": "resume"}, {"do": "limit-rate", "bytes": 1000000}.
 //
 // Threads: the loop's.
@@ -89,7 +90,8 @@ class Control {
   void Answer(Place peer, const Frame& frame);
   std::string Do(Peer& peer, const std::string& text);
   std::string Status() const;
-  std::string ClosePoint(Peer& peer, const std::string& wait, bool consistent);
+  std::string ClosePoint(Peer& peer, const std::string& wait, bool consistent,
+                         const std::string& mark);
   bool IsReached(const Peer& peer) const;
 
   EventLoop& m_loop;

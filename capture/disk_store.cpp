@@ -19,9 +19,27 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kMostStateBytes = 4096;
+constexpr std::size_t kMostStateBytes = 1U << 20U;
 
 std::string StatePath(const std::string& directory) { return directory + "/source.json"; }
+
+// One of an earlier version has none.
+bool ReadNames(const nlohmann::json& object, std::vector<PointRecord>& names) {
+  if (!object.contains("points")) return true;
+  if (!object["points"].is_array()) return false;
+  for (const auto& each : object["points"]) {
+    const auto isNumber = [&](const char* name) {
+      return each.contains(name) && each[name].is_number_unsigned();
+    };
+    if (!each.is_object() || !isNumber("n") || !isNumber("timestampMs") || !each.contains("name") ||
+        !each["name"].is_string() || !IsPointName(each["name"].get_ref<const std::string&>())) {
+      return false;
+    }
+    names.push_back({each["n"].get<std::uint64_t>(), each["timestampMs"].get<std::uint64_t>(),
+                     each["name"].get<std::string>()});
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -43,7 +61,8 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
     return true;
   };
   if (!object.is_object() || !number("epoch", out.epoch) || !number("flushed", out.flushed) ||
-      !number("age", out.age) || !object.contains("group") || !object["group"].is_string()) {
+      !number("age", out.age) || !object.contains("group") || !object["group"].is_string() ||
+      !ReadNames(object, out.names)) {
     return path + " is damaged; remove it to take the group up anew, which compares everything";
   }
   if (object["group"].get<std::string>() != group) {
@@ -55,8 +74,15 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
 
 std::string WriteSourceState(const std::string& directory, const std::string& group,
                              const SourceState& state) {
-  const nlohmann::json object = {
-      {"group", group}, {"epoch", state.epoch}, {"flushed", state.flushed}, {"age", state.age}};
+  nlohmann::json object = {{"group", group},
+                           {"epoch", state.epoch},
+                           {"flushed", state.flushed},
+                           {"age", state.age},
+                           {"points", nlohmann::json::array()}};
+  for (const PointRecord& point : state.names) {
+    object["points"].push_back(
+        {{"n", point.n}, {"timestampMs", point.timestampMs}, {"name", point.name}});
+  }
   const std::string path = StatePath(directory);
   const std::string next = path + ".new";
   ::unlink(next.c_str());
@@ -74,7 +100,7 @@ DiskStore::DiskStore(std::string directory, std::string spool, std::string group
     : m_directory(std::move(directory)),
       m_spool(std::move(spool)),
       m_group(std::move(group)),
-      m_state(state),
+      m_state(std::move(state)),
       m_volumes(volumes) {}
 
 std::string DiskStore::OpenSpool() {
@@ -206,6 +232,7 @@ SpoolDone DiskStore::Drop(const SpoolDrop& command) {
   {
     const std::lock_guard lock(m_stateMutex);
     ++m_state.age;
+    m_state.names.clear();
     done.error = WriteSourceState(m_directory, m_group, m_state);
   }
   if (done.error.empty()) done.error = OpenSpool();
@@ -217,6 +244,13 @@ SpoolDone DiskStore::Drop(const SpoolDrop& command) {
   fs::remove_all(before, error);
   if (error) Log(Severity::kWarning, "can't remove a spool that was given up", {{"path", before}});
   return done;
+}
+
+void DiskStore::Keep(const KeepNames& command) {
+  const std::lock_guard lock(m_stateMutex);
+  m_state.names = command.names;
+  const std::string fault = WriteSourceState(m_directory, m_group, m_state);
+  if (!fault.empty()) Log(Severity::kWarning, "names of points may get lost: " + fault);
 }
 
 // --- Marks. ---

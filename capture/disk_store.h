@@ -27,9 +27,10 @@ struct LiveVolume {
 
 // What a source keeps beside maps and spool, in STATE/source.json: replaced as a whole.
 struct SourceState {
-  std::uint64_t epoch = 0;    // 0: the group was never taken up
-  std::uint64_t flushed = 0;  // the target was known to have flushed, at least
-  std::uint64_t age = 0;      // of the spool
+  std::uint64_t epoch = 0;              // 0: the group was never taken up
+  std::uint64_t flushed = 0;            // the target was known to have flushed, at least
+  std::uint64_t age = 0;                // of the spool
+  std::vector<PointRecord> names = {};  // of points in it
 };
 // Returns an empty text, or what is wrong. None is there: `out` stays as it is.
 std::string ReadSourceState(const std::string& directory, const std::string& group,
@@ -52,6 +53,7 @@ class DiskStore : public LiveStore {
   SpoolLoaded Read(const SpoolRead& command) override;
   void Remove(const SpoolRemove& command) override;
   SpoolDone Drop(const SpoolDrop& command) override;
+  void Keep(const KeepNames& command) override;
   CheckpointDone Keep(const Checkpoint& command) override;
   CheckpointDone Save(const SaveMaps& command) override;
   std::shared_ptr<void> HoldOff(std::uint8_t volume, std::uint64_t offset,

@@ -70,7 +70,7 @@ std::string LiveSource::Open(LiveOptions options, std::unique_ptr<LiveSource>& o
   if (auto fault = ReadSourceState(o.stateDirectory, o.group, state); !fault.empty()) return fault;
   if (o.takeOver) {
     // The spool's datasets follow a history that is left behind.
-    state = {0, 0, state.age + 1};
+    state = {0, 0, state.age + 1, {}};
     auto fault = WriteSourceState(o.stateDirectory, o.group, state);
     if (!fault.empty()) return fault;
   }
@@ -117,6 +117,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   m_config.feed = m_capture.get();
   m_config.epoch = state.epoch;
   m_config.flushed = state.flushed;
+  m_config.names = state.names;
   m_config.liveMemory = m_options.memory;
   m_config.spoolBytes = m_options.spoolBytes;
   m_config.interval = m_options.intervalMs;

@@ -29,7 +29,7 @@ endif()
 option(PENSTOCK_UNITY "Compile the program and its tests several files at a time" OFF)
 function(penstock_in_batches)
   set_target_properties(${ARGN} PROPERTIES
-    UNITY_BUILD ${PENSTOCK_UNITY} UNITY_BUILD_BATCH_SIZE 8
+    UNITY_BUILD ${PENSTOCK_UNITY} UNITY_BUILD_BATCH_SIZE 24
     UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
   # g++ takes a private structure with a member of an unnamed namespace for a header's.
   if(PENSTOCK_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

@@ -14,7 +14,7 @@ struct FreeDigest {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
-void Require(int result) {
+void RequireSha(int result) {
   if (result != 1) throw std::runtime_error("SHA-256 can't be computed");
 }
 
@@ -26,8 +26,8 @@ struct Sha256::State {
 
 Sha256::Sha256() : m_state(std::make_unique<State>()) {
   m_state->context.reset(EVP_MD_CTX_new());
-  Require(m_state->context ? 1 : 0);
-  Require(EVP_DigestInit_ex2(m_state->context.get(), EVP_sha256(), nullptr));
+  RequireSha(m_state->context ? 1 : 0);
+  RequireSha(EVP_DigestInit_ex2(m_state->context.get(), EVP_sha256(), nullptr));
 }
 
 Sha256::~Sha256() = default;
@@ -35,12 +35,12 @@ Sha256::Sha256(Sha256&&) noexcept = default;
 Sha256& Sha256::operator=(Sha256&&) noexcept = default;
 
 void Sha256::Add(Bytes data) {
-  Require(EVP_DigestUpdate(m_state->context.get(), data.data(), data.size()));
+  RequireSha(EVP_DigestUpdate(m_state->context.get(), data.data(), data.size()));
 }
 
 Digest Sha256::Finish() {
   Digest digest;
-  Require(EVP_DigestFinal_ex(m_state->context.get(), digest.data(), nullptr));
+  RequireSha(EVP_DigestFinal_ex(m_state->context.get(), digest.data(), nullptr));
   return digest;
 }
 

@@ -174,6 +174,11 @@ struct Checkpoint {
   std::uint64_t epoch = 0;
   std::uint64_t flushed = 0;
 };
+// Remember the names of points that are on their way, instead of those before. What waits for the
+// spool is done afterwards; it is not answered: a name that is lost is not worth a failure.
+struct KeepNames {
+  std::vector<PointRecord> names;
+};
 struct CheckpointDone {
   Ticket ticket = 0;
   IoStatus status = IoStatus::kOk;
@@ -184,9 +189,9 @@ struct SaveMaps {
   Ticket ticket = 0;
 };
 
-using SourceCommand =
-    std::variant<SendFrame, SetSeeds, CloseConn, Note, Halt, Connect, FetchWindow, PackRuns,
-                 PackBuffers, SpoolWrite, SpoolRead, SpoolRemove, SpoolDrop, Checkpoint, SaveMaps>;
+using SourceCommand = std::variant<SendFrame, SetSeeds, CloseConn, Note, Halt, Connect, FetchWindow,
+                                   PackRuns, PackBuffers, SpoolWrite, SpoolRead, SpoolRemove,
+                                   SpoolDrop, KeepNames, Checkpoint, SaveMaps>;
 
 // --- Target. ---
 

@@ -38,6 +38,7 @@ struct SourceConfig {
   std::uint64_t epoch = 0;    // of the last process that had the group; 0: take it up anew
   std::uint64_t flushed = 0;  // the target was known to have flushed, by then
   std::vector<SpooledDataset> spooled;     // what that process left, ascending
+  std::vector<PointRecord> names;          // of points that the target may not have
   std::uint64_t liveMemory = 256U << 20U;  // of normal datasets; the spool is used from a half on
   std::uint64_t spoolBytes = 0;            // at most, of the spool's files; 0: there is none
   Millis interval = 1'000;                 // at which datasets are closed
@@ -166,8 +167,10 @@ class SourceEngine {
   // Closes the open dataset, or an empty one when none is open, with everything that was captured
   // so far. Returns its number; 0 when there is no order that it could be a point of: before the
   // first WELCOME, when the backlog was given up, and until what is stale begins to be compared.
-  // `consistent`: the point is one of the application's own.
-  std::uint64_t CloseDataset(const Moment& now, bool consistent = false);
+  // `consistent`: the point is one of the application's own. A `name` (IsPointName) makes it one,
+  // and goes with it to the target.
+  std::uint64_t CloseDataset(const Moment& now, bool consistent = false,
+                             const std::string& name = {});
   // Wants all volumes compared again; with a feed, what is stale of them.
   void Resync(const Moment& now);
   // Ends the connection until Resume; everything else goes on.
@@ -265,6 +268,8 @@ class SourceEngine {
   bool LoadFromSpool(Cursor& cursor);
   static void Unload(Cursor& cursor);
   bool AdoptSpool();
+  void AdoptNames();
+  void KeepPointNames();
   void DropSpool();
   void SaveWhole();
   void Overflow(const std::string& why, const Moment& now);
@@ -299,10 +304,11 @@ class SourceEngine {
   std::uint64_t m_last = 0;                   // the newest pushed
   std::shared_ptr<Dataset> m_newest;
   bool m_newestClosed = true;
-  Digest m_ackedChain{};                     // of m_status.durable
-  std::map<std::uint64_t, Digest> m_chains;  // acknowledged, not flushed
-  std::uint64_t m_inFlight = 0;              // bytes of blocks sent, not acknowledged
-  std::uint64_t m_normalBytes = 0;           // held by normal datasets
+  Digest m_ackedChain{};                         // of m_status.durable
+  std::map<std::uint64_t, Digest> m_chains;      // acknowledged, not flushed
+  std::map<std::uint64_t, PointRecord> m_names;  // of points that are not acknowledged
+  std::uint64_t m_inFlight = 0;                  // bytes of blocks sent, not acknowledged
+  std::uint64_t m_normalBytes = 0;               // held by normal datasets
   std::map<std::uint64_t, std::uint64_t> m_normalHeld;
 
   // The pass.

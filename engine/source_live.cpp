@@ -73,7 +73,27 @@ bool SourceEngine::AdoptSpool() {
     StoredInSpool(n, cursor);
     m_hasSpool = true;
   }
+  AdoptNames();
   return true;
+}
+
+// Those of datasets that were found. A number that was not is used again, for something else.
+void SourceEngine::AdoptNames() {
+  const std::vector<PointRecord> names = std::exchange(m_config.names, {});
+  for (const PointRecord& name : names) {
+    const auto cursor = m_cursors.find(name.n);
+    if (cursor == m_cursors.end() || cursor->second.start.timestampMs != name.timestampMs) continue;
+    m_names[name.n] = name;
+  }
+  if (m_names.size() != names.size()) KeepPointNames();
+}
+
+// So that a point that waits in the spool has its name after a crash, too.
+void SourceEngine::KeepPointNames() {
+  if (m_config.spoolBytes == 0) return;
+  KeepNames command;
+  for (const auto& [n, name] : m_names) command.names.push_back(name);
+  m_commands.emplace_back(std::move(command));
 }
 
 // It is durable here: the pipeline need not hold it any longer.
@@ -244,6 +264,7 @@ void SourceEngine::ForgetBacklog() {
   m_resyncPart.clear();
   m_jobs.clear();  // what they are answered with is for nobody
   m_chains.clear();
+  m_names.clear();
   m_newest.reset();
   m_newestClosed = true;
   m_pipe.reset();

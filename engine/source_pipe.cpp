@@ -84,13 +84,18 @@ WriteResult SourceEngine::PushWrite(const CapturedWrite& write, const Moment& no
   return WriteResult::kOk;
 }
 
-std::uint64_t SourceEngine::CloseDataset(const Moment& now, bool consistent) {
+std::uint64_t SourceEngine::CloseDataset(const Moment& now, bool consistent,
+                                         const std::string& name) {
   if (!m_pipe || m_status.phase == SourcePhase::kStopped) return 0;
   if (m_config.feed != nullptr && (!MayPushCaptured() || !m_config.feed->IsRecording())) return 0;
   PushCaptured(now);
   if (!HasOpenNormal()) PushNormal(now);
   if (!m_newest) return 0;  // given up
-  if (consistent) m_newest->SetApplConsistentSnapshot();
+  if (consistent || !name.empty()) m_newest->SetApplConsistentSnapshot();
+  if (!name.empty()) {
+    m_names[m_last] = {m_last, m_newest->GetDsTimestamp(), name};
+    KeepPointNames();
+  }
   const std::uint64_t n = m_last;
   CloseNewest();
   Settle(now);
@@ -116,6 +121,7 @@ void SourceEngine::AckUpTo(std::uint64_t n) {
     m_ackedChain = m_chains[acked] = place->second.chain;
     m_cursors.erase(place);
     m_status.durable = acked;
+    m_names.erase(acked);
     if (const auto part = m_resyncPart.find(acked); part != m_resyncPart.end()) {
       m_status.passedBytes += part->second.length;
       m_passed[part->second.volume] += part->second.length;
@@ -319,6 +325,7 @@ void SourceEngine::SendEnd(Cursor& cursor) {
   end.extents = cursor.extents;
   end.rawBytes = cursor.rawBytes;
   end.chain = cursor.chain;
+  if (const auto named = m_names.find(n); named != m_names.end()) end.name = named->second.name;
   cursor.ended = cursor.wasSent = true;
   m_status.sent = std::max(m_status.sent, n);
   if (Planted(Fault::kClearBeforeFlushed) && m_config.feed != nullptr) m_config.feed->Flushed(n);

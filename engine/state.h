@@ -31,6 +31,15 @@ struct JournalRecord {
   std::uint64_t timestampMs = 0;     // of its START
 };
 
+// A point that somebody gave a name.
+struct PointRecord {
+  std::uint64_t n = 0;
+  std::uint64_t timestampMs = 0;  // of its START
+  std::string name;
+  friend bool operator==(const PointRecord&, const PointRecord&) = default;
+};
+inline constexpr std::size_t kMaxPoints = 100;  // of a group that are kept: the newest
+
 // Only ever grow. Counted per group.
 struct Counters {
   std::uint64_t datasets = 0;       // made durable
@@ -52,6 +61,7 @@ struct GroupState {
   std::uint64_t flushedAtMs = 0;  // the timestamp of dataset `flushed`: wall clock of the source
   std::vector<VolumeRecord> volumes;
   std::vector<JournalRecord> journal;  // flushed < n <= durable, ascending
+  std::vector<PointRecord> points;     // with names, ascending, n <= durable; at most kMaxPoints
   Counters counters;
 };
 
@@ -66,7 +76,17 @@ struct StateChange {
   std::vector<VolumeRecord> volumes;  // inserted, or replaced by name
   std::vector<JournalRecord> addJournal;
   std::uint64_t dropJournalUpTo = 0;  // records with n up to this one go; 0: none
+  std::vector<PointRecord> addPoints;
+  std::vector<std::uint64_t> dropPoints;  // by number
 };
+
+// What the change does to a group's points.
+inline void Apply(const StateChange& change, std::vector<PointRecord>& points) {
+  for (const std::uint64_t n : change.dropPoints) {
+    std::erase_if(points, [n](const PointRecord& point) { return point.n == n; });
+  }
+  points.insert(points.end(), change.addPoints.begin(), change.addPoints.end());
+}
 
 }  // namespace penstock
 

@@ -62,6 +62,7 @@ void TargetGroup::TryCommit() {
   change.flushedAtMs = m_state.flushedAtMs;
   std::map<std::string, VolumeRecord> volumes;
   const std::size_t taken = AddReady(change, volumes);
+  DropPoints(change);
   AddFlushed(change, volumes);
   const bool isEpoch = m_wantEpoch && m_source != 0 && IsDrained() && m_recovered &&
                        m_state.flushed == m_state.durable;
@@ -101,6 +102,9 @@ std::size_t TargetGroup::AddReady(StateChange& change,
     ++m_counters.datasets;
     m_counters.rawBytes += arrival->rawBytes;
     m_counters.receivedBytes += arrival->receivedBytes;
+    if (!arrival->name.empty()) {
+      change.addPoints.push_back({arrival->n, arrival->start.timestampMs, arrival->name});
+    }
     if (arrival->direct) {
       // Its blocks are synced, and so is everything before: it was in the volumes first.
       change.flushed = arrival->n;
@@ -123,6 +127,15 @@ std::size_t TargetGroup::AddReady(StateChange& change,
     change.addJournal.push_back(std::move(record));
   }
   return taken;
+}
+
+// Of the points with names the newest stay.
+void TargetGroup::DropPoints(StateChange& change) const {
+  const std::size_t count = m_state.points.size() + change.addPoints.size();
+  for (std::size_t i = 0; i + kMaxPoints < count && i < m_state.points.size(); ++i) {
+    change.dropPoints.push_back(m_state.points[i].n);
+  }
+  while (change.addPoints.size() > kMaxPoints) change.addPoints.erase(change.addPoints.begin());
 }
 
 // What was applied before the last sync is flushed; a resync that ended there has made its volumes
@@ -173,6 +186,7 @@ void TargetGroup::Committed(const StateChange& change, std::size_t taken, bool w
     Report(FrameType::kDone, arrival->n, arrival->chain);
   }
   if (taken > 0) m_trouble.clear();
+  Apply(change, m_state.points);
   for (const JournalRecord& record : change.addJournal) {
     m_toApply.push_back(record);
     m_state.journal.push_back(record);

@@ -191,6 +191,7 @@ void TargetGroup::TakeEnd(TargetPeer& peer, const Frame& frame) {
     return Refuse(peer.conn, ErrorCode::kDamaged, why, end.n);
   }
   arrival->ended = true;
+  arrival->name = std::move(end.name);
   if (Planted(Fault::kAckBeforeFsync)) Report(FrameType::kAck, arrival->n, arrival->chain);
 }
 

@@ -122,6 +122,7 @@ class TargetGroup {
   void TryCommit();
   void IssueSync(const std::vector<std::string>& volumes, std::uint64_t applied);
   std::size_t AddReady(StateChange& change, std::map<std::string, VolumeRecord>& volumes);
+  void DropPoints(StateChange& change) const;
   void AddFlushed(StateChange& change, std::map<std::string, VolumeRecord>& volumes);
   void Committed(const StateChange& change, std::size_t taken, bool wasEpoch);
   void Report(FrameType type, std::uint64_t n, const Digest& chain);

@@ -93,6 +93,7 @@ struct Arrival {
   std::uint64_t fileBytes = 0;
   DatasetDigest digest;
   Digest chain{};
+  std::string name;  // of the point behind it
 };
 
 // For `penstock status`.

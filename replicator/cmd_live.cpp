@@ -23,6 +23,7 @@ struct LiveFlags {
   std::string wait;
   std::string rate;
   std::string maxLag = "10s";
+  std::string mark;
   bool consistent = false;
   bool json = false;
 };
@@ -96,11 +97,16 @@ void AddLive(CLI::App& program, Chosen& chosen) {
       ->check(CLI::IsMember({"durable", "applied", "flushed"}));
   point->add_flag("--consistent", flags->consistent,
                   "the point is one of the application's own: it was made to write everything out");
-  point->footer("Example: penstock point --state /var/lib/penstock-shop --wait flushed");
+  point->add_option("--mark", flags->mark,
+                    "the same, and its name in the target's list of points: printable ASCII");
+  point->footer(
+      "Example: penstock point --state /var/lib/penstock-shop --mark 'before the upgrade' "
+      "--wait flushed");
   point->callback([flags, &chosen] {
     chosen = [flags] {
       nlohmann::json request = {{"do", "point"}, {"consistent", flags->consistent}};
       if (!flags->wait.empty()) request["wait"] = flags->wait;
+      if (!flags->mark.empty()) request["mark"] = flags->mark;
       return Order(*flags, request, {});
     };
   });

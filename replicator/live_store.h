@@ -21,6 +21,7 @@ class LiveStore {
   virtual SpoolLoaded Read(const SpoolRead& command) = 0;
   virtual void Remove(const SpoolRemove& command) = 0;
   virtual SpoolDone Drop(const SpoolDrop& command) = 0;
+  virtual void Keep(const KeepNames& command) = 0;
 
   virtual CheckpointDone Keep(const Checkpoint& command) = 0;
   virtual CheckpointDone Save(const SaveMaps& command) = 0;

@@ -14,7 +14,7 @@ namespace penstock {
 namespace {
 
 constexpr std::size_t kMaxPskFileBytes = 1U << 20U;
-constexpr std::string_view kBlanks = " \t\r";
+constexpr std::string_view kKeyBlanks = " \t\r";
 constexpr char kDigits[] = "0123456789abcdef";
 
 // Overwrites a text that held keys.
@@ -52,9 +52,9 @@ std::string ParseLine(std::string_view line, PskKey& out) {
 
 std::string_view Trim(std::string_view line) {
   line = line.substr(0, line.find('#'));
-  const auto begin = line.find_first_not_of(kBlanks);
+  const auto begin = line.find_first_not_of(kKeyBlanks);
   if (begin == std::string_view::npos) return {};
-  return line.substr(begin, line.find_last_not_of(kBlanks) - begin + 1);
+  return line.substr(begin, line.find_last_not_of(kKeyBlanks) - begin + 1);
 }
 
 }  // namespace

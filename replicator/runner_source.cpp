@@ -108,6 +108,7 @@ struct SourceRunner::Impl {
   void Do(SpoolRead& command);
   void Do(SpoolRemove& command);
   void Do(SpoolDrop& command);
+  void Do(KeepNames& command);
   void Do(Checkpoint& command);
   void Do(SaveMaps& command);
 
@@ -276,6 +277,10 @@ void SourceRunner::Impl::Do(SpoolRemove& command) {
 
 void SourceRunner::Impl::Do(SpoolDrop& command) {
   RunOnDisk("spool", [store = options.store, c = command] { return store->Drop(c); });
+}
+
+void SourceRunner::Impl::Do(KeepNames& command) {
+  disk->Submit("spool", [store = options.store, c = std::move(command)] { store->Keep(c); }, {});
 }
 
 void SourceRunner::Impl::Do(Checkpoint& command) {

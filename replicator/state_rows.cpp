@@ -23,7 +23,7 @@ struct Table {
 };
 
 // As sqlite_schema gives them back, byte by byte.
-constexpr std::array<Table, 3> kTables{{
+constexpr std::array<Table, 4> kTables{{
     {"groups",
      "CREATE TABLE groups (name TEXT PRIMARY KEY NOT NULL, epoch INTEGER NOT NULL, durable INTEGER "
      "NOT NULL, flushed INTEGER NOT NULL, chain BLOB NOT NULL, flushed_at_ms INTEGER NOT NULL, "
@@ -34,6 +34,9 @@ constexpr std::array<Table, 3> kTables{{
      "CREATE TABLE journal (grp TEXT NOT NULL, n INTEGER NOT NULL, flags INTEGER NOT NULL, chain "
      "BLOB NOT NULL, volumes TEXT NOT NULL, bytes INTEGER NOT NULL, timestamp_ms INTEGER NOT NULL, "
      "PRIMARY KEY (grp, n)) STRICT, WITHOUT ROWID"},
+    {"points",
+     "CREATE TABLE points (grp TEXT NOT NULL, n INTEGER NOT NULL, timestamp_ms INTEGER NOT NULL, "
+     "name TEXT NOT NULL, PRIMARY KEY (grp, n)) STRICT, WITHOUT ROWID"},
     {"volumes",
      "CREATE TABLE volumes (grp TEXT NOT NULL, name TEXT NOT NULL, size INTEGER NOT NULL, state "
      "INTEGER NOT NULL, good_at INTEGER NOT NULL, PRIMARY KEY (grp, name)) STRICT, WITHOUT ROWID"},
@@ -198,13 +201,31 @@ std::string LoadJournal(sqlite3* database, GroupState& group) {
   return query.Fault();
 }
 
+std::string LoadPoints(sqlite3* database, GroupState& group) {
+  SqlStatement query(database,
+                     "SELECT n, timestamp_ms, name FROM points WHERE grp = ? ORDER BY n < 0, n");
+  query.Text(group.group);
+  while (query.Step()) {
+    if (group.points.size() == kMaxPoints) return "too many points";
+    Row row(query);
+    auto& point = group.points.emplace_back();
+    point.n = row.Number(group.durable);
+    point.timestampMs = row.Number();
+    point.name = row.Text();
+    if (!IsPointName(point.name)) row.Fail();
+    if (!row.IsGood()) return "a damaged row of point " + std::to_string(point.n);
+  }
+  return query.Fault();
+}
+
 // A row of a group that is not there is as damaged as one with a wrong number.
 std::string CheckStrays(sqlite3* database) {
   std::uint64_t strays = 0;
   auto fault = NumberOf(database,
                         "SELECT (SELECT count(*) FROM volumes WHERE grp NOT IN (SELECT name FROM "
                         "groups)) + (SELECT count(*) FROM journal WHERE grp NOT IN (SELECT name "
-                        "FROM groups))",
+                        "FROM groups)) + (SELECT count(*) FROM points WHERE grp NOT IN (SELECT "
+                        "name FROM groups))",
                         strays);
   if (fault.empty() && strays != 0) fault = "rows of a group that is not there";
   return fault;
@@ -245,6 +266,7 @@ std::string LoadState(sqlite3* database, std::vector<GroupState>& out) {
   for (auto& group : groups) {
     fault = LoadVolumes(database, group);
     if (fault.empty()) fault = LoadJournal(database, group);
+    if (fault.empty()) fault = LoadPoints(database, group);
     if (!fault.empty()) return "group " + Quote(group.group) + ": " + fault;
   }
   out = std::move(groups);

@@ -144,7 +144,8 @@ struct StateStore::Impl {
   std::string failed;  // why no change is taken any more
 
   // Prepared once: they need the database, and go before it.
-  SqlStatement begin, commit, putGroup, putVolume, putJournal, dropLow, dropHigh;
+  SqlStatement begin, commit, putGroup, putVolume, putJournal, putPoint, dropPoint, dropLow,
+      dropHigh;
 
   std::string OpenDatabase();
   void Prepare();
@@ -192,6 +193,8 @@ void StateStore::Impl::Prepare() {
   putGroup = SqlStatement(db, "REPLACE INTO groups VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)");
   putVolume = SqlStatement(db, "REPLACE INTO volumes VALUES (?,?,?,?,?)");
   putJournal = SqlStatement(db, "INSERT INTO journal VALUES (?,?,?,?,?,?,?)");
+  putPoint = SqlStatement(db, "INSERT INTO points VALUES (?,?,?,?)");
+  dropPoint = SqlStatement(db, "DELETE FROM points WHERE grp = ? AND n = ?");
   dropLow = SqlStatement(db, "DELETE FROM journal WHERE grp = ? AND n >= 0 AND n <= ?");
   // Of numbers beyond 2^63, which look negative: every other one is below them.
   dropHigh = SqlStatement(db, "DELETE FROM journal WHERE grp = ? AND (n >= 0 OR n <= ?)");
@@ -223,6 +226,10 @@ void StateStore::Impl::Put(std::string_view group, const StateChange& change) {
     putJournal.Text(JoinNames(record.volumes)).Number(record.bytes);
     putJournal.Number(record.timestampMs).Run();
   }
+  for (const std::uint64_t n : change.dropPoints) dropPoint.Text(group).Number(n).Run();
+  for (const auto& point : change.addPoints) {
+    putPoint.Text(group).Number(point.n).Number(point.timestampMs).Text(point.name).Run();
+  }
   const auto upTo = change.dropJournalUpTo;
   if (upTo == 0) return;
   auto& drop = static_cast<std::int64_t>(upTo) < 0 ? dropHigh : dropLow;
@@ -230,8 +237,8 @@ void StateStore::Impl::Put(std::string_view group, const StateChange& change) {
 }
 
 std::string StateStore::Impl::FirstFault() const {
-  for (const auto* statement :
-       {&begin, &putGroup, &putVolume, &putJournal, &dropLow, &dropHigh, &commit}) {
+  for (const auto* statement : {&begin, &putGroup, &putVolume, &putJournal, &putPoint, &dropPoint,
+                                &dropLow, &dropHigh, &commit}) {
     if (!statement->Fault().empty()) return statement->Fault();
   }
   return {};

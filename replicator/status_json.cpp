@@ -2,6 +2,7 @@
 #include "replicator/status_json.h"
 
 #include <algorithm>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "replicator/log.h"
@@ -67,7 +68,12 @@ Json GroupJson(const GroupStatus& status, std::uint64_t wallMs) {
              {"journalQuota", status.journalQuota},
              {"trouble", Escape(status.trouble)},
              {"counters", CountersJson(state.counters)},
+             {"points", Json::array()},
              {"volumes", Json::array()}};
+  for (const PointRecord& point : state.points) {
+    group["points"].push_back(
+        {{"n", point.n}, {"timestampMs", point.timestampMs}, {"name", point.name}});
+  }
   for (const VolumeRecord& volume : state.volumes)
     group["volumes"].push_back(VolumeJson(volume, status));
   return group;
@@ -90,6 +96,29 @@ std::string VolumeRow(const Json& volume) {
     row += " " + std::to_string(NumberOf(volume, "percent")) + " %";
   }
   return row + ", " + HumanBytes(NumberOf(volume, "size")) + "\n";
+}
+
+std::string HumanTime(std::uint64_t timestampMs) {
+  const auto seconds = static_cast<std::time_t>(timestampMs / 1000);
+  std::tm parts{};
+  char text[64];
+  if (gmtime_r(&seconds, &parts) == nullptr ||
+      std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &parts) == 0) {
+    return "at no time";
+  }
+  return text;
+}
+
+// The newest; --json has them all.
+std::string PointRows(const Json& points) {
+  constexpr std::size_t kShown = 5;
+  std::string rows;
+  for (std::size_t i = points.size() - std::min(points.size(), kShown); i < points.size(); ++i) {
+    rows += "  point " + std::to_string(NumberOf(points[i], "n")) + " \"" +
+            TextOf(points[i], "name") + "\", " + HumanTime(NumberOf(points[i], "timestampMs")) +
+            "\n";
+  }
+  return rows;
 }
 
 std::string GroupRows(const Json& group) {
@@ -118,7 +147,7 @@ std::string GroupRows(const Json& group) {
     rows += "  trouble: " + trouble + "\n";
   }
   for (const Json& volume : group.at("volumes")) rows += VolumeRow(volume);
-  return rows;
+  return rows + PointRows(group.at("points"));
 }
 
 }  // namespace

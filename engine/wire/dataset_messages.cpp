@@ -107,6 +107,7 @@ Frame Encode(const DatasetEnd& m) {
   out.Number(m.extents);
   out.Number(m.rawBytes);
   out.Raw(m.chain);
+  out.Text(m.name);
   return Frame::Of(FrameType::kDatasetEnd, out.Take());
 }
 
@@ -117,7 +118,14 @@ std::string Decode(Bytes payload, DatasetEnd& out) {
   out.extents = in.Number<std::uint64_t>();
   out.rawBytes = in.Number<std::uint64_t>();
   in.RawInto(out.chain);
+  out.name = in.Text();
+  if (!out.name.empty() && !IsPointName(out.name)) return "a point with a name that is none";
   return in.End();
+}
+
+bool IsPointName(std::string_view name) {
+  return !name.empty() && name.size() <= kMaxPointNameBytes &&
+         std::ranges::all_of(name, [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 Frame Encode(FrameType type, const Report& m) {

@@ -26,7 +26,7 @@ constexpr std::uint32_t kWelcomeBytes = 2 + 8 + 16 + 8 + 8 + 8 + 32 + 8 + 2;
 constexpr std::uint32_t kWelcomeVolumeBytes = 1 + 8 + 8;
 constexpr std::uint32_t kStartBytes = sizeof(OM_DP::DatasetStartv2);
 constexpr std::uint32_t kStartVolumeBytes = 16;
-constexpr std::uint32_t kEndBytes = 8 + 4 + 8 + 8 + 32;
+constexpr std::uint32_t kEndBytes = 8 + 4 + 8 + 8 + 32 + kTextLengthBytes;
 constexpr std::uint32_t kReportBytes = 8 + 1 + 1 + 32;
 constexpr std::uint32_t kQueryBytes = 8 + 1 + 8 + 4 + 4;
 constexpr std::uint32_t kPrintBytes = 8;
@@ -53,7 +53,7 @@ constexpr auto kTable = std::to_array<FrameLimits>({
     {FrameType::kBlock, "BLOCK", kRecordBytes + kExtentBytes, kRecordBytes + kMaxBodyBytes, false},
     {FrameType::kHello, "HELLO", kHelloBytes, kMaxHelloBytes, true},
     {FrameType::kWelcome, "WELCOME", kWelcomeBytes, kMaxWelcomeBytes, true},
-    {FrameType::kDatasetEnd, "END", kEndBytes, kEndBytes, false},
+    {FrameType::kDatasetEnd, "END", kEndBytes, kEndBytes + kMaxPointNameBytes, false},
     {FrameType::kAck, "ACK", kReportBytes, kReportBytes, false},
     {FrameType::kDone, "DONE", kReportBytes, kReportBytes, false},
     {FrameType::kFlushed, "FLUSHED", kReportBytes, kReportBytes, false},

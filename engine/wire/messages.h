@@ -24,6 +24,7 @@ inline constexpr std::uint16_t kProtocolVersion = 1;
 inline constexpr std::size_t kMaxVolumes = 256;     // in a group
 inline constexpr std::size_t kMaxNameBytes = 64;    // of a group or volume
 inline constexpr std::size_t kMaxTextBytes = 1024;  // of an error's text
+inline constexpr std::size_t kMaxPointNameBytes = 200;
 
 using Nonce = std::array<std::uint8_t, 16>;
 
@@ -103,14 +104,17 @@ struct DatasetStart {
   std::vector<UuidT> volumes;
 };
 
-// n:u64 blocks:u32 extents:u64 rawBytes:u64 chain:32
+// n:u64 blocks:u32 extents:u64 rawBytes:u64 chain:32 name:text
 struct DatasetEnd {
   std::uint64_t n = 0;
   std::uint32_t blocks = 0;
   std::uint64_t extents = 0;
   std::uint64_t rawBytes = 0;
-  Digest chain{};  // SHA-256(chain of the dataset before, digest of this one)
+  Digest chain{};    // SHA-256(chain of the dataset before, digest of this one)
+  std::string name;  // of the point behind it; empty: it has none
 };
+// Whether a point may be called so: printable ASCII, 1 to kMaxPointNameBytes of it.
+bool IsPointName(std::string_view name);
 
 // ACK, DONE, FLUSHED. n:u64 success:u8 empty:u8 chain:32
 struct Report {

@@ -34,6 +34,10 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 namespace fs = std::filesystem;
 
+std::string WithPoints(const std::string& points) {
+  return R"({"group":"g","epoch":1,"flushed":2,"age":3,"points":)" + points + "}";
+}
+
 std::string StateText(const SourceState& state) {
   return "e" + Number(state.epoch) + " f" + Number(state.flushed) + " a" + Number(state.age);
 }
@@ -74,20 +78,28 @@ TEST_F(SourceStates, ADamagedOneIsRefusedWithWhatToDo) {
   ASSERT_EQ(WriteSourceState(m_folder.Path(), "g", {1, 2, 3}), "");
   const std::string path = m_folder / "source.json";
   const std::string whole = ReadText(path);
-  const std::vector<std::string> damaged = {"",
-                                            "x",
-                                            "[]",
-                                            "7",
-                                            "{}",
-                                            whole.substr(0, whole.size() / 2),
-                                            R"({"group":"g","epoch":1,"flushed":2})",
-                                            R"({"group":"g","epoch":1,"age":2})",
-                                            R"({"group":"g","flushed":1,"age":2})",
-                                            R"({"epoch":1,"flushed":1,"age":2})",
-                                            R"({"group":1,"epoch":1,"flushed":1,"age":2})",
-                                            R"({"group":"g","epoch":-1,"flushed":1,"age":2})",
-                                            R"({"group":"g","epoch":1,"flushed":"1","age":2})",
-                                            R"({"group":"g","epoch":1,"flushed":1,"age":2.5})"};
+  const std::vector<std::string> damaged = {
+      "",
+      "x",
+      "[]",
+      "7",
+      "{}",
+      whole.substr(0, whole.size() / 2),
+      R"({"group":"g","epoch":1,"flushed":2})",
+      R"({"group":"g","epoch":1,"age":2})",
+      WithPoints("7"),
+      WithPoints(R"([7])"),
+      WithPoints(R"([{"n":1,"timestampMs":1}])"),
+      WithPoints(R"([{"n":1,"name":"x"}])"),
+      WithPoints(R"([{"n":-1,"timestampMs":1,"name":"x"}])"),
+      WithPoints(R"([{"n":1,"timestampMs":1,"name":""}])"),
+      WithPoints(R"([{"n":1,"timestampMs":1,"name":"\u0007"}])"),
+      R"({"group":"g","flushed":1,"age":2})",
+      R"({"epoch":1,"flushed":1,"age":2})",
+      R"({"group":1,"epoch":1,"flushed":1,"age":2})",
+      R"({"group":"g","epoch":-1,"flushed":1,"age":2})",
+      R"({"group":"g","epoch":1,"flushed":"1","age":2})",
+      R"({"group":"g","epoch":1,"flushed":1,"age":2.5})"};
   for (const std::string& text : damaged) {
     WriteText(path, text);
     EXPECT_EQ(Read(), path +
@@ -332,6 +344,23 @@ TEST_F(Store, DropRemovesEverythingAndRaisesTheAgeDurably) {
   ASSERT_EQ(Open(), "");
   EXPECT_EQ(Found(), "2");
   ExpectBlocks(StartOf(2), {BlockOf(0, 4096)});
+}
+
+TEST_F(Store, NamesOfPointsAreKeptUntilTheSpoolIsGivenUp) {
+  m_store->Keep(KeepNames{{{4, 70, "eve \"x\""}, {~std::uint64_t{0}, 71, "z"}}});
+  SourceState state;
+  ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
+  EXPECT_EQ(state.names,
+            (std::vector<PointRecord>{{4, 70, "eve \"x\""}, {~std::uint64_t{0}, 71, "z"}}));
+  ASSERT_EQ(Open(), "");
+  m_store->Keep(Checkpoint{1, 5, 6});
+  state = {};
+  ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
+  EXPECT_EQ(state.names.size(), 2U) << "a checkpoint leaves them";
+  m_store->Drop({1});
+  state = {};
+  ASSERT_EQ(ReadSourceState(m_folder.Path(), "g", state), "");
+  EXPECT_TRUE(state.names.empty());
 }
 
 TEST_F(Store, ADropThatIsNotDurableLeavesTheSpool) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -81,14 +82,14 @@ TEST(Payloads, OfManyThreadsNeverOverlap) {
   std::vector<int> wrong(4);
   for (std::size_t t = 0; t < wrong.size(); ++t) {
     threads.emplace_back([&pool, &wrong, t] {
-      std::vector<std::shared_ptr<std::uint8_t[]>> held(64);
-      std::vector<std::size_t> sizes(held.size());
+      std::array<std::shared_ptr<std::uint8_t[]>, 64> held;
+      std::array<std::ptrdiff_t, 64> sizes{};
       for (std::size_t i = 0; i < 20'000; ++i) {
         const std::size_t at = i % held.size();
         const auto mark = static_cast<std::uint8_t>(t * 64 + at);
         if (held[at] && (held[at][0] != mark || held[at][sizes[at] - 1] != mark)) ++wrong[t];
-        sizes[at] = 1 + i * 37 % 4096;
-        held[at] = pool.Take(sizes[at]);
+        sizes[at] = static_cast<std::ptrdiff_t>(1 + i * 37 % 4096);
+        held[at] = pool.Take(static_cast<std::size_t>(sizes[at]));
         held[at][0] = held[at][sizes[at] - 1] = mark;
       }
     });

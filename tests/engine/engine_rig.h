@@ -108,7 +108,10 @@ inline std::string Show(const Frame& frame) {
     case FrameType::kBlock: return ShowBlock(frame);
     case FrameType::kHello: return ShowHello(Decoded<Hello>(frame));
     case FrameType::kWelcome: return ShowWelcome(Decoded<Welcome>(frame));
-    case FrameType::kDatasetEnd: return "END " + Number(Decoded<DatasetEnd>(frame).n);
+    case FrameType::kDatasetEnd: {
+      const auto end = Decoded<DatasetEnd>(frame);
+      return "END " + Number(end.n) + (end.name.empty() ? "" : " " + end.name);
+    }
     case FrameType::kAck:
     case FrameType::kDone:
     case FrameType::kFlushed: return name + " " + Number(Decoded<Report>(frame).n);

@@ -287,6 +287,7 @@ class TargetRig : public testing::Test {
       std::erase_if(state.volumes, [&](const auto& v) { return v.name == record.name; });
       state.volumes.push_back(record);
     }
+    Apply(change, state.points);
     state.journal.insert(state.journal.end(), change.addJournal.begin(), change.addJournal.end());
     std::erase_if(state.journal, [&](const auto& r) { return r.n <= change.dropJournalUpTo; });
   }

@@ -107,9 +107,25 @@ TEST(WireMessages, DatasetEnd) {
       "01 00 00 00 "                // blocks
       "01 00 00 00 00 00 00 00 "    // extents
       "08 00 00 00 00 00 00 00 " +  // rawBytes
-      kChainHex;
+      kChainHex +
+      " 03 00 65 76 65";
   EXPECT_EQ(PayloadOf(Encode(SampleEnd())), bytes);
   EXPECT_EQ(ThereAndBack<DatasetEnd>(Encode(SampleEnd())), bytes);
+}
+
+TEST(WireMessages, APointsNameIsPrintableAndShort) {
+  DatasetEnd end = SampleEnd();
+  DatasetEnd out;
+  end.name = std::string(kMaxPointNameBytes, '~');
+  EXPECT_EQ(Decode(Encode(end).Payload(), out), "");
+  EXPECT_EQ(out.name, end.name);
+  for (const std::string& name :
+       {std::string(kMaxPointNameBytes + 1, 'x'), std::string("a\nb"), std::string("\x7f"),
+        std::string("\xc3\xa4"), std::string(1, '\0')}) {
+    end.name = name;
+    EXPECT_EQ(Decode(Encode(end).Payload(), out), "a point with a name that is none");
+  }
+  EXPECT_FALSE(IsPointName(""));
 }
 
 TEST(WireMessages, TheChainIsThatOfTheExamples) {

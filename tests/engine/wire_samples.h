@@ -111,6 +111,7 @@ inline DatasetEnd SampleEnd() {
   m.extents = 1;
   m.rawBytes = 8;
   m.chain = kSampleChain;
+  m.name = "eve";
   return m;
 }
 

@@ -48,6 +48,9 @@ std::string Text(const GroupState& g) {
             std::to_string(j.chain[0]) + "." + std::to_string(j.bytes);
     for (const auto& name : j.volumes) text += "." + name;
   }
+  for (const auto& p : g.points) {
+    text += " @" + std::to_string(p.n) + "." + std::to_string(p.timestampMs) + "." + p.name;
+  }
   return text;
 }
 
@@ -119,6 +122,35 @@ TEST_F(State, KeepsAChange) {
   EXPECT_EQ(Loaded(), kChangeText);
 }
 
+TEST_F(State, KeepsPointsWithTheirNames) {
+  ASSERT_EQ(Open(), "");
+  StateChange change = OfEpoch(1);
+  change.durable = change.flushed = 9;
+  change.addPoints = {{3, 70, "a 'b' \\"}, {9, 71, "c"}};
+  ASSERT_EQ(m_store->Commit("g", change), "");
+  change.addPoints = {};
+  change.dropPoints = {3};
+  ASSERT_EQ(m_store->Commit("h", change), "") << "another group's";
+  EXPECT_EQ(Loaded(), "g e1 d9 f9 c0 t0 @3.70.a 'b' \\ @9.71.c\nh e1 d9 f9 c0 t0\n");
+  ASSERT_EQ(m_store->Commit("g", change), "");
+  Reopen();
+  EXPECT_EQ(Loaded(), "g e1 d9 f9 c0 t0 @9.71.c\nh e1 d9 f9 c0 t0\n");
+}
+
+TEST_F(State, DamagedPointsAreRefused) {
+  ASSERT_EQ(Open(), "");
+  StateChange change = OfEpoch(1);
+  change.durable = change.flushed = 9;
+  change.addPoints = {{9, 71, "c"}};
+  ASSERT_EQ(m_store->Commit("g", change), "");
+  const std::string fault = "can't use " + Database() + ": group 'g': a damaged row of point ";
+  EXPECT_EQ(AfterSql("UPDATE points SET name = ''"), fault + "9");
+  EXPECT_EQ(AfterSql("UPDATE points SET name = char(10)"), fault + "9");
+  EXPECT_EQ(AfterSql("UPDATE points SET name = 'c', n = 10"), fault + "10");
+  EXPECT_EQ(AfterSql("UPDATE points SET n = 9, grp = 'x'"),
+            "can't use " + Database() + ": rows of a group that is not there");
+}
+
 TEST_F(State, KeepsEveryCounter) {
   ASSERT_EQ(Open(), "");
   StateChange change;
@@ -181,21 +213,21 @@ TEST_F(State, GroupsAreApart) {
 }
 
 TEST_F(State, TheGreatestNumbersSurvive) {
-  constexpr auto kMost = ~std::uint64_t{0};
+  constexpr auto kTop = ~std::uint64_t{0};
   ASSERT_EQ(Open(), "");
   StateChange change;
-  change.epoch = change.durable = change.flushedAtMs = kMost;
+  change.epoch = change.durable = change.flushedAtMs = kTop;
   change.flushed = 1;
   change.chain = Chain(1);
   change.addJournal = {
-      {2, 0, Chain(2), {}, kMost}, {kMost - 1, 0, Chain(3), {}, 0}, {kMost, 0, Chain(1), {}, 0}};
+      {2, 0, Chain(2), {}, kTop}, {kTop - 1, 0, Chain(3), {}, 0}, {kTop, 0, Chain(1), {}, 0}};
   ASSERT_EQ(m_store->Commit("g", change), "");
   Reopen();
-  const auto most = std::to_string(kMost);
+  const auto most = std::to_string(kTop);
   EXPECT_EQ(Loaded(), "g e" + most + " d" + most + " f1 c1 t" + most + " #2.0.2." + most + " #" +
-                          std::to_string(kMost - 1) + ".0.3.0 #" + most + ".0.1.0\n");
+                          std::to_string(kTop - 1) + ".0.3.0 #" + most + ".0.1.0\n");
   change.addJournal.clear();
-  change.flushed = change.dropJournalUpTo = kMost - 1;
+  change.flushed = change.dropJournalUpTo = kTop - 1;
   ASSERT_EQ(m_store->Commit("g", change), "");
   EXPECT_THAT(Loaded(), HasSubstr(" c1 t" + most + " #" + most + ".0.1.0"));
 }

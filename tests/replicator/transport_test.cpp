@@ -25,7 +25,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr std::uint32_t kMiB = 1U << 20U;
+constexpr std::uint32_t kMebibyte = 1U << 20U;
 
 class Transport : public Connections {
  protected:
@@ -89,7 +89,7 @@ TEST_F(Transport, ManyFramesOfAllSizesKeepTheirOrder) {
   std::vector<Frame> sent;
   for (int i = 0; i < 300; ++i) {
     const bool isBlock = random() % 2 == 0;
-    const std::uint32_t most = random() % 4 == 0 ? kMiB : 5000;
+    const std::uint32_t most = random() % 4 == 0 ? kMebibyte : 5000;
     const auto size = std::uniform_int_distribution<std::uint32_t>(1, most)(random);
     sent.push_back(isBlock ? BlockFrame(static_cast<std::uint8_t>(i), size) : SmallFrame(random()));
     m_source.connection->Send(sent.back());
@@ -109,7 +109,7 @@ TEST_F(Transport, ManyFramesOfAllSizesKeepTheirOrder) {
 TEST_F(Transport, UrgentFramesPassWhatWaitsAndKeepTheirOrder) {
   ConnectPlain();
   StartBoth();
-  m_source.connection->Send(BlockFrame(1, kMiB));
+  m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_source.connection->Send(Encode(FrameType::kPing, Ping{1}));
   m_source.connection->Send(SmallFrame(2));
   m_source.connection->Send(Encode(FrameType::kPong, Ping{2}));
@@ -149,10 +149,10 @@ TEST_F(Transport, EveryCutOfTheBytesGivesTheSameFrames) {
 
 TEST_F(Transport, PayloadsAreNotCopiedWhenTheyAreQueued) {
   Pair();
-  const auto frame = BlockFrame(1, kMiB);
+  const auto frame = BlockFrame(1, kMebibyte);
   m_source.connection->Send(frame);
   EXPECT_EQ(m_source.connection->m_impl->queue.front().frame.payload.get(), frame.payload.get());
-  EXPECT_EQ(m_source.connection->BytesQueued(), 24U + 20U + 12U + kMiB);
+  EXPECT_EQ(m_source.connection->BytesQueued(), 24U + 20U + 12U + kMebibyte);
 }
 
 TEST_F(Transport, WhatIsSentBeforeTheStartIsSentAfterIt) {
@@ -231,9 +231,9 @@ TEST_F(Transport, APauseHoldsThePeerUp) {
   StartBoth(false);
   m_target.connection->PauseReading();
   constexpr int kFrames = 32;
-  for (int i = 0; i < kFrames; ++i) m_source.connection->Send(BlockFrame(1, kMiB));
+  for (int i = 0; i < kFrames; ++i) m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_runner.Settle(100);
-  EXPECT_GT(m_source.connection->BytesQueued(), std::size_t{16} * kMiB);
+  EXPECT_GT(m_source.connection->BytesQueued(), std::size_t{16} * kMebibyte);
   EXPECT_EQ(m_source.drained, 0);
   m_target.connection->ResumeReading();
   ASSERT_TRUE(TargetHas(kFrames));
@@ -267,7 +267,7 @@ TEST_F(Transport, ARateIsKept) {
 TEST_F(Transport, ARateMayBeLifted) {
   Pair({.rateLimit = 1000});
   StartBoth(false);
-  m_source.connection->Send(BlockFrame(1, kMiB));
+  m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_runner.Settle();
   EXPECT_EQ(m_target.frames.size(), 0U);
   m_source.connection->SetRateLimit(0);
@@ -277,7 +277,7 @@ TEST_F(Transport, ARateMayBeLifted) {
 TEST_F(Transport, CloseSendsWhatIsQueued) {
   ConnectPlain();
   StartBoth(false);
-  for (int i = 0; i < 20; ++i) m_source.connection->Send(BlockFrame(1, kMiB));
+  for (int i = 0; i < 20; ++i) m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_source.connection->Close();
   m_source.connection->Send(SmallFrame(1));  // too late
   EXPECT_EQ(TargetsEnd(), "the peer closed the connection");
@@ -289,7 +289,7 @@ TEST_F(Transport, CloseSendsWhatIsQueued) {
 TEST_F(Transport, ALastWordArrivesAlthoughThePeerIsStillSending) {
   ConnectPlain();
   StartBoth(false);
-  for (int i = 0; i < 20; ++i) m_source.connection->Send(BlockFrame(1, kMiB));
+  for (int i = 0; i < 20; ++i) m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_target.connection->PauseReading();
   m_runner.Settle();
   m_target.connection->Send(Encode(Error{ErrorCode::kRefused, 0, "no"}));
@@ -301,8 +301,8 @@ TEST_F(Transport, ALastWordArrivesAlthoughThePeerIsStillSending) {
 TEST_F(Transport, BothMayCloseAtOnceWithoutLosingAnything) {
   ConnectPlain();
   StartBoth(false);
-  m_source.connection->Send(BlockFrame(1, kMiB));
-  m_target.connection->Send(BlockFrame(2, kMiB));
+  m_source.connection->Send(BlockFrame(1, kMebibyte));
+  m_target.connection->Send(BlockFrame(2, kMebibyte));
   m_runner.Settle(0);
   m_source.connection->Close();
   m_target.connection->Close();
@@ -311,12 +311,12 @@ TEST_F(Transport, BothMayCloseAtOnceWithoutLosingAnything) {
 
 TEST_F(Transport, APeerThatIsDoneSendingStillGetsEverything) {
   Bare();
-  for (int i = 0; i < 4; ++i) m_target.connection->Send(BlockFrame(1, kMiB));
+  for (int i = 0; i < 4; ++i) m_target.connection->Send(BlockFrame(1, kMebibyte));
   const auto queued = m_target.connection->BytesQueued();
   m_target.connection->Close();
   ASSERT_EQ(::shutdown(m_bare.Get(), SHUT_WR), 0);
   std::size_t got = 0;
-  std::vector<char> chunk(kMiB);
+  std::vector<char> chunk(kMebibyte);
   for (ssize_t count = 1; count != 0;) {
     m_runner.Settle(1);
     count = ::recv(m_bare.Get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
@@ -328,7 +328,7 @@ TEST_F(Transport, APeerThatIsDoneSendingStillGetsEverything) {
 
 TEST_F(Transport, ClosingAPeerThatDoesNotListenEnds) {
   Bare({.flushTimeoutMs = 50});
-  m_target.connection->Send(BlockFrame(1, kMiB));
+  m_target.connection->Send(BlockFrame(1, kMebibyte));
   m_target.connection->Close();
   EXPECT_EQ(TargetsEnd(), "closed, with the peer not listening");
 }
@@ -342,7 +342,7 @@ TEST_F(Transport, AbortEndsAtOnceAndIsToldOnce) {
     ++told;
     m_runner.Poke();
   };
-  m_source.connection->Send(BlockFrame(1, kMiB));
+  m_source.connection->Send(BlockFrame(1, kMebibyte));
   m_source.connection->Abort("enough");
   EXPECT_EQ(told, 0);  // never from within the call
   m_source.connection->Abort("again");

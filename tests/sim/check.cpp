@@ -33,6 +33,14 @@ void Checker::Committed(const StateChange& change, std::uint64_t epochOfSource) 
   m_durable = change.durable;
   for (const JournalRecord& record : change.addJournal) m_chainOf[record.n] = record.chain;
   m_chainOf[change.durable] = change.chain;
+  for (const PointRecord& point : change.addPoints) {
+    const auto named = m_named.find(point.name);
+    SIM_CHECK(named != m_named.end(), "I1: a point has a name that nobody gave: " + point.name);
+    const auto chain = m_chainOf.find(point.n);
+    if (chain == m_chainOf.end()) continue;  // committed with later ones, and flushed at once
+    SIM_CHECK(m_points.contains(chain->second) && m_points.at(chain->second) == named->second,
+              "I1: point " + N(point.n) + " is not the one that was called " + point.name);
+  }
 }
 
 void Checker::Restarted(const std::vector<GroupState>& states, const Disk&) {

@@ -23,6 +23,8 @@ class Checker {
 
   // A source closed dataset n, with its volumes being so, and sent it with this chain value.
   void Sent(const Digest& chain, const Point& point) { m_points[chain] = point; }
+  // A source gave the point a name.
+  void Named(const std::string& name, const Point& point) { m_named[name] = point; }
   bool Knows(const Digest& chain) const { return m_points.contains(chain); }
 
   // The target sent a report. I2, I3.
@@ -46,6 +48,7 @@ class Checker {
  private:
   std::vector<SourceVolume> m_volumes;
   std::map<Digest, Point> m_points;
+  std::map<std::string, Point> m_named;
   std::map<std::uint64_t, Digest> m_chainOf;  // of committed datasets
   std::uint64_t m_acked = 0;
   Digest m_ackedChain{};

@@ -100,6 +100,7 @@ void LiveNode::Boot() {
   config.feed = m_capture.get();
   config.epoch = m_state.epoch;
   config.flushed = m_state.flushed;
+  config.names = m_state.names;
   config.liveMemory = m_options.memory;
   config.spoolBytes = m_options.spool;
   config.interval = m_world.rng.Between(50, 1500);
@@ -139,7 +140,7 @@ void LiveNode::LoadMap(std::uint8_t volume) {
 
 void LiveNode::TakeOver() {
   Crash("to take the group up anew", false);
-  m_state = {0, 0, m_state.age + 1};
+  m_state = {0, 0, m_state.age + 1, {}};
   Boot();
 }
 
@@ -167,7 +168,11 @@ void LiveNode::After(Millis delay, std::function<void()> what) {
 
 void LiveNode::CloseNow() {
   if (!m_engine) return;
-  m_engine->CloseDataset(m_world.Now(), m_world.rng.Chance(0.5));
+  const bool isConsistent = m_world.rng.Chance(0.5);
+  const std::string name = isConsistent ? "point " + std::to_string(++m_lastName) : "";
+  if (m_engine->CloseDataset(m_world.Now(), isConsistent, name) != 0 && isConsistent) {
+    m_checker.Named(name, Taken());
+  }
   Settle();
 }
 
@@ -311,13 +316,17 @@ void LiveNode::SaveSector(std::uint8_t volume, std::shared_ptr<ChangeMap::Save> 
 
 // --- The engine. ---
 
+Point LiveNode::Taken() const {
+  Point point;
+  for (const auto& volume : m_taken) point.push_back(Hash64(volume));
+  return point;
+}
+
 void LiveNode::Observe() {
   const SourceStatus& now = m_engine->Status();
   if (m_engine->m_pipe) {
     while (m_closed < now.closed) {
-      Point point;
-      for (const auto& volume : m_taken) point.push_back(Hash64(volume));
-      m_points[++m_closed] = std::move(point);
+      m_points[++m_closed] = Taken();
     }
     for (const auto& [n, cursor] : m_engine->m_cursors) {
       const auto point = m_points.find(n);

@@ -54,6 +54,7 @@ class LiveNode {
   void DamageSpool();
   void Pause(bool pause);
   bool IsIdle() const { return m_writing.empty(); }  // no write is under way
+  Point Taken() const;                               // what is in datasets
   Point Now() const;                                 // what the volumes hold
   void PrintDifferences(const Disk& target) const;
   std::uint64_t overflows = 0;
@@ -80,6 +81,7 @@ class LiveNode {
   // What the process keeps on its disk beside maps and spool: replaced as a whole.
   struct State {
     std::uint64_t epoch = 0, flushed = 0, age = 0;
+    std::vector<PointRecord> names;
   };
 
   std::string Volume(std::size_t index) const { return "volume/" + m_options.volumes[index].name; }
@@ -121,6 +123,7 @@ class LiveNode {
   std::unique_ptr<SourceEngine> m_engine;
   std::uint64_t m_boot = 0;
   std::uint64_t m_lastOp = 0;
+  std::uint64_t m_lastName = 0;
   std::map<std::uint64_t, Op> m_writing;
   std::vector<bool> m_saving;  // by volume
   std::multimap<std::uint8_t, std::pair<std::uint64_t, std::function<void()>>> m_waiting;

@@ -157,10 +157,13 @@ void LiveNode::SpoolCommands(SourceCommand& command) {
     });
   } else if (auto* drop = std::get_if<SpoolDrop>(&command)) {
     RunSpool([this, ticket = drop->ticket] {
+      m_state.names.clear();
       ++m_state.age;  // the files of the age before are removed at the next start
       m_engine->Completed(SpoolDone{ticket, IoStatus::kOk, {}, 0, nullptr}, m_world.Now());
       Settle();
     });
+  } else if (auto* names = std::get_if<KeepNames>(&command)) {
+    RunSpool([this, c = *names] { m_state.names = c.names; });
   } else if (auto* checkpoint = std::get_if<Checkpoint>(&command)) {
     After(m_world.Latency(), [this, c = *checkpoint] {
       if (!Planted(Fault::kClearBeforeSync)) {

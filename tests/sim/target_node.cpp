@@ -24,6 +24,7 @@ void Apply(const StateChange& change, GroupState& state) {
       *known = record;
     }
   }
+  Apply(change, state.points);
   state.journal.insert(state.journal.end(), change.addJournal.begin(), change.addJournal.end());
   std::erase_if(state.journal,
                 [&](const JournalRecord& r) { return r.n <= change.dropJournalUpTo; });
