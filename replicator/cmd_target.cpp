@@ -8,8 +8,10 @@
 #include "replicator/cmd.h"
 #include "replicator/files.h"
 #include "replicator/log.h"
+#include "replicator/metrics_server.h"
 #include "replicator/options.h"
 #include "replicator/runner_target.h"
+#include "replicator/target_metrics.h"
 
 namespace penstock {
 
@@ -22,6 +24,7 @@ struct TargetFlags {
   std::vector<std::string> mappings;
   std::string grants;
   std::string journalQuota = "16G";
+  std::string metrics;
   unsigned jobs = 0;
   SecurityFlags security;
   LogFlags log;
@@ -31,6 +34,7 @@ struct Prepared {
   Endpoint endpoint;
   ListenOptions listen;
   TargetOptions target;
+  Endpoint metrics;
 };
 
 std::string Prepare(const TargetFlags& flags, Prepared& out) {
@@ -51,6 +55,10 @@ std::string Prepare(const TargetFlags& flags, Prepared& out) {
   }
   auto fault = ParseBytes(flags.journalQuota, out.target.journalQuota);
   if (!fault.empty()) return "--journal-quota: " + fault;
+  if (!flags.metrics.empty()) {
+    fault = ParseMetricsEndpoint(flags.metrics, out.metrics);
+    if (!fault.empty()) return "--" + fault;
+  }
   if (!flags.volumesDirectory.empty()) {
     fault = MakePrivateDirectory(flags.volumesDirectory);
     if (!fault.empty()) return fault;
@@ -58,6 +66,17 @@ std::string Prepare(const TargetFlags& flags, Prepared& out) {
   out.target.stateDirectory = flags.state;
   out.target.volumesDirectory = flags.volumesDirectory;
   out.target.jobs = JobsOf(flags.jobs);
+  return {};
+}
+
+// Serves what the target says of itself, and says where.
+std::string ServeMetrics(EventLoop& loop, const TargetRunner& target, const Endpoint& endpoint,
+                         std::unique_ptr<MetricsServer>& out) {
+  const auto text = [&target] { return TargetMetrics(target.Figures(), EventLoop::WallMs()); };
+  auto fault = MetricsServer::Open(loop, endpoint, text, out);
+  if (!fault.empty()) return fault;
+  std::printf("metrics on %s\n", out->Local().Text().c_str());
+  std::fflush(stdout);
   return {};
 }
 
@@ -71,6 +90,11 @@ int RunTarget(const TargetFlags& flags) {
   EventLoop loop;
   TargetRunner target(loop, prepared.target);
   if (auto fault = target.Open(); !fault.empty()) return Complain(kExitRefused, fault);
+  std::unique_ptr<MetricsServer> metrics;
+  if (!flags.metrics.empty()) {
+    auto fault = ServeMetrics(loop, target, prepared.metrics, metrics);
+    if (!fault.empty()) return Complain(kExitRefused, fault);
+  }
   int code = kExitDone;
   const auto end = [&](ExitCode with, const std::string& why) {
     code = Complain(with, why);
@@ -116,6 +140,8 @@ void AddTarget(CLI::App& program, Chosen& chosen) {
   command->add_option("--journal-quota", flags->journalQuota, "bytes that the journal may take")
       ->capture_default_str();
   command->add_option("--jobs", flags->jobs, "worker threads (default: one a processor)");
+  command->add_option("--metrics", flags->metrics,
+                      "ADDR:PORT: serve metrics for Prometheus there, without TLS");
   AddSecurityOptions(*command, flags->security, TlsSide::kServer);
   AddLogOptions(*command, flags->log, "info");
   command->footer(

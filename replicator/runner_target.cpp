@@ -353,6 +353,11 @@ void TargetRunner::Adopt(int fd, const ConnectionOptions& options) {
   m_impl->Take(Connection::OfSocket(m_impl->loop, fd, options));
 }
 
+TargetFigures TargetRunner::Figures() const {
+  return {m_impl->engine->Status(), m_impl->connections.size(),
+          m_impl->engine->RefusedConnections()};
+}
+
 void TargetRunner::Stop() { m_impl->Stop(); }
 
 }  // namespace penstock

@@ -11,6 +11,7 @@
 #include "engine/target_engine.h"
 #include "replicator/event_loop.h"
 #include "replicator/grants.h"
+#include "replicator/target_metrics.h"
 #include "replicator/transport.h"
 
 namespace penstock {
@@ -56,6 +57,8 @@ class TargetRunner {
   std::string Listen(const Endpoint& endpoint, const ListenOptions& options, Endpoint& local);
   // Takes a connected socket of this process, and its ownership. REQUIRES: recovered.
   void Adopt(int fd, const ConnectionOptions& options);
+  // For monitoring. REQUIRES: Open went well.
+  TargetFigures Figures() const;
   // Accepts nothing more, drops its connections, lets what is being made durable come to its end,
   // and calls onStopped.
   void Stop();

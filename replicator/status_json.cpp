@@ -14,13 +14,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// How far the copy is behind, in seconds: nothing when everything that came is flushed.
-std::uint64_t LagSeconds(const GroupStatus& status, std::uint64_t wallMs) {
-  if (status.state.flushed >= status.closed) return 0;
-  const std::uint64_t since = status.state.flushedAtMs;
-  return since == 0 || wallMs < since ? 0 : (wallMs - since) / 1000;
-}
-
 // Whole percents; 100 only when it is all.
 std::uint64_t Percent(std::uint64_t part, std::uint64_t whole) {
   if (part >= whole) return 100;
@@ -151,6 +144,12 @@ std::string GroupRows(const Json& group) {
 }
 
 }  // namespace
+
+std::uint64_t LagSeconds(const GroupStatus& status, std::uint64_t wallMs) {
+  if (status.state.flushed >= status.closed) return 0;
+  const std::uint64_t since = status.state.flushedAtMs;
+  return since == 0 || wallMs < since ? 0 : (wallMs - since) / 1000;
+}
 
 std::string StatusText(const std::vector<GroupStatus>& groups, std::uint64_t wallMs) {
   Json status{{"groups", Json::array()}};

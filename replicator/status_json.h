@@ -15,6 +15,9 @@ namespace penstock {
 // One line of JSON: {"groups": [...]}. `wallMs` is the time now, for the lag.
 std::string StatusText(const std::vector<GroupStatus>& groups, std::uint64_t wallMs);
 
+// How far a group's copies are behind, in seconds: nothing when everything that came is flushed.
+std::uint64_t LagSeconds(const GroupStatus& status, std::uint64_t wallMs);
+
 // The same of a state that no target has open.
 GroupStatus StatusOf(const GroupState& state);
 
