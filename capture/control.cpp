@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "capture/source_metrics.h"
 #include "replicator/log.h"
 #include "replicator/progress.h"
 #include "replicator/runner_common.h"
@@ -221,6 +222,11 @@ std::string Control::Do(Peer& peer, const std::string& text) {
 std::string Control::Status() const {
   return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture,
                         m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
+}
+
+std::string Control::Metrics() const {
+  return SourceMetrics(m_group, m_runner.Engine().Status(), m_capture,
+                       m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
 }
 
 std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent,

@@ -77,6 +77,8 @@ class Control {
   std::string Open(const std::string& directory);
   // The source moved on: somebody may wait for that.
   void Changed();
+  // What the status says, for monitoring.
+  std::string Metrics() const;
 
  private:
   struct Peer {

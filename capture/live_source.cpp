@@ -142,12 +142,21 @@ std::string LiveSource::Start() {
   m_control = std::make_unique<Control>(*m_loop, *m_runner, *m_capture, m_options.group,
                                         LiveLimits{m_options.memory, m_options.spoolBytes});
   if (auto fault = m_control->Open(m_options.stateDirectory); !fault.empty()) return fault;
+  if (auto fault = ServeMetrics(); !fault.empty()) return fault;
   m_loop->Post([this] { m_runner->Start([this] { Changed(); }); });
   m_thread = std::thread([this] {
     GiveWay();
     m_loop->Run();
   });
   return {};
+}
+
+std::string LiveSource::ServeMetrics() {
+  if (!m_options.metrics) return {};
+  auto fault = MetricsServer::Open(
+      *m_loop, *m_options.metrics, [this] { return m_control->Metrics(); }, m_metrics);
+  if (fault.empty()) Log(Severity::kInfo, "metrics on " + m_metrics->Local().Text());
+  return fault;
 }
 
 void LiveSource::Changed() {
@@ -184,6 +193,7 @@ void LiveSource::Stop() {
     });
   });
   m_thread.join();
+  m_metrics.reset();
   m_control.reset();
   m_runner.reset();
   m_loop.reset();

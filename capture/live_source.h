@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "capture/payload_pool.h"
 #include "engine/capture.h"
 #include "replicator/event_loop.h"
+#include "replicator/metrics_server.h"
 #include "replicator/runner_source.h"
 
 namespace penstock {
@@ -37,6 +39,7 @@ struct LiveOptions {
   unsigned jobs = 2;
   Endpoint endpoint;
   ConnectOptions connect;
+  std::optional<Endpoint> metrics;  // where to serve metrics, without TLS
 };
 
 // Volumes in use, and everything that gets their changes to a target: a loop on a thread of its own
@@ -55,7 +58,8 @@ class LiveSource {
   LiveSource(const LiveSource&) = delete;
   LiveSource& operator=(const LiveSource&) = delete;
 
-  // Returns an empty text, or why the control socket can't be listened on.
+  // Returns an empty text, or why the control socket, or the place of the metrics, can't be
+  // listened on.
   std::string Start();
   // Gets what is left to the target, or into the spool, within the time allowed; ends the thread.
   void Stop();
@@ -80,7 +84,7 @@ class LiveSource {
   int Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change);
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
   void Delay(std::chrono::steady_clock::time_point begin) const;
-  void Run();
+  std::string ServeMetrics();
   void Changed();
   void TryStop();
 
@@ -95,6 +99,7 @@ class LiveSource {
   std::unique_ptr<EventLoop> m_loop;
   std::unique_ptr<SourceRunner> m_runner;
   std::unique_ptr<Control> m_control;
+  std::unique_ptr<MetricsServer> m_metrics;
   std::thread m_thread;
   bool m_stopping = false;
   bool m_stopped = false;

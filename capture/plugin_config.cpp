@@ -7,6 +7,7 @@
 
 #include "engine/wire/messages.h"
 #include "replicator/log.h"
+#include "replicator/metrics_server.h"
 
 namespace penstock {
 
@@ -64,6 +65,7 @@ std::string PluginConfig::Take(const std::string& key, const std::string& value)
                                                      {"state", &m_options.stateDirectory},
                                                      {"spool", &m_options.spoolDirectory},
                                                      {"compress", &m_compress},
+                                                     {"metrics", &m_metrics},
                                                      {"tls-certs", &m_security.tlsCerts},
                                                      {"tls-psk", &m_security.tlsPsk},
                                                      {"tls-name", &m_security.tlsName},
@@ -100,6 +102,11 @@ std::string PluginConfig::Finish(LiveOptions& out) const {
   if (auto fault = CheckGroup(out.group); !fault.empty()) return "group: " + fault;
   if (auto fault = Endpoint::Parse(m_to, out.endpoint); !fault.empty()) return fault;
   if (auto fault = ParseCompress(m_compress, out.compress); !fault.empty()) return fault;
+  if (!m_metrics.empty()) {
+    if (auto fault = ParseMetricsEndpoint(m_metrics, out.metrics.emplace()); !fault.empty()) {
+      return fault;
+    }
+  }
   auto fault = Apply(m_security, TlsSide::kClient, out.endpoint, out.connect.tls);
   if (!fault.empty()) return fault;
   if (out.memory < kLeastMemory) return "memory: at least 16M";
@@ -128,6 +135,7 @@ const char* PluginConfig::Help() {
          "compress=auto         none, lz4, zstd[:LEVEL] or auto\n"
          "limit-rate=SIZE       bytes a second at most\n"
          "jobs=N                worker threads\n"
+         "metrics=ADDR:PORT     serve metrics for Prometheus there, without TLS\n"
          "take-over=true        take the group up anew and compare everything\n"
          "log-level=info        trace, debug, info, warning or error\n"
          "log-format=text       text or json";

@@ -28,6 +28,7 @@ class PluginConfig {
   SecurityFlags m_security;
   LogFlags m_log{.level = "info"};
   std::string m_compress = "auto";
+  std::string m_metrics;
   unsigned m_jobs = 0;
   LiveOptions m_options;
 };

@@ -25,7 +25,7 @@ struct ServeFlags {
   std::string to, group, state, nbd;
   std::vector<std::string> volumes;
   std::string interval = "1s", maxDataset = "64M", memory = "256M";
-  std::string spool, spoolMax = "10G", limitRate, compress = "auto";
+  std::string spool, spoolMax = "10G", limitRate, compress = "auto", metrics;
   std::string nbdkit = "nbdkit", plugin;
   unsigned jobs = 0;
   bool takeOver = false;
@@ -62,6 +62,7 @@ std::vector<std::string> KeysOf(const ServeFlags& flags) {
   add("spool-max", flags.spoolMax);
   add("limit-rate", flags.limitRate);
   add("compress", flags.compress);
+  add("metrics", flags.metrics);
   add("tls-certs", flags.security.tlsCerts);
   add("tls-psk", flags.security.tlsPsk);
   add("tls-name", flags.security.tlsName);
@@ -155,6 +156,8 @@ void AddServe(CLI::App& program, Chosen& chosen) {
       ->capture_default_str();
   command->add_option("--limit-rate", flags->limitRate, "bytes a second at most: 500K, 10M, 1.5G");
   command->add_option("--jobs", flags->jobs, "worker threads (default: one a processor)");
+  command->add_option("--metrics", flags->metrics,
+                      "ADDR:PORT: serve metrics for Prometheus there, without TLS");
   command->add_flag("--take-over", flags->takeOver,
                     "take the group up anew, whoever had it, and compare everything");
   command->add_option("--nbdkit", flags->nbdkit, "the nbdkit to run")->capture_default_str();

@@ -6,8 +6,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -25,6 +27,7 @@
 
 #include "replicator/log.h"
 #include "replicator/runner_target.h"
+#include "replicator/socket.h"
 #include "tests/engine/engine_rig.h"
 #include "tests/replicator/rig.h"
 
@@ -146,6 +149,22 @@ class Live : public testing::Test {
       if (Ask(R"({"do":"status"})").value("state", "") == state) return true;
     }
     return false;
+  }
+
+  // What is served as metrics at a place; empty: nobody answers.
+  static std::string Scrape(const Endpoint& place) {
+    std::vector<SocketAddress> addresses;
+    EXPECT_EQ(Resolve(place, false, addresses), "");
+    const Fd fd(::socket(addresses.front().storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(fd.Get(), addresses.front().Get(), addresses.front().size) != 0) return {};
+    const std::string_view request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
+    if (::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) return {};
+    std::string text;
+    std::array<char, 4096> piece{};
+    for (ssize_t count = 0; (count = ::recv(fd.Get(), piece.data(), piece.size(), 0)) > 0;) {
+      text.append(piece.data(), static_cast<std::size_t>(count));
+    }
+    return text;
   }
 
   // The bytes of a file.
@@ -423,6 +442,43 @@ TEST_F(Live, AnOrderWithAMemberOfAnotherTypeIsRefused) {
   EXPECT_NE(Fault(R"({"do":"point","wait":1})"), "");
   EXPECT_NE(Fault(R"({"do":"point","consistent":"yes"})"), "");
   EXPECT_EQ(Ask(R"({"do":"status"})")["state"], "connecting");
+}
+
+// --- Metrics. ---
+
+TEST_F(Live, MetricsAreServedFromTheStartToTheEnd) {
+  std::string logged;
+  SetLogOutput([&](std::string_view line) { logged += line; });
+  LiveOptions options = Options();
+  ASSERT_EQ(Endpoint::Parse("127.0.0.1:0", options.metrics.emplace()), "");
+  ASSERT_EQ(Open(options), "");
+  ASSERT_EQ(m_source->Start(), "");
+  const Endpoint place = m_source->m_metrics->Local();
+  EXPECT_EQ(m_source->Write(0, 0, Noise(4096), false), 0);
+  const std::string text = Scrape(place);
+  EXPECT_THAT(text, HasSubstr("\npenstock_source_state{group=\"g\",state=\"connecting\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("\npenstock_source_writes_total{group=\"g\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("\npenstock_source_written_bytes_total{group=\"g\"} 4096\n"));
+  m_source->Stop();
+  EXPECT_EQ(Scrape(place), "");
+  m_source.reset();
+  SetLogOutput([](std::string_view) {});
+  EXPECT_THAT(logged, HasSubstr("metrics on " + place.Text()));
+}
+
+TEST_F(Live, APlaceOfTheMetricsThatIsTakenStopsTheStart) {
+  LiveOptions options = Options();
+  ASSERT_EQ(Endpoint::Parse("127.0.0.1:0", options.metrics.emplace()), "");
+  ASSERT_EQ(Open(options), "");
+  ASSERT_EQ(m_source->Start(), "");
+  const auto first = std::move(m_source);
+  WriteText(ImageOf("c"), std::string(4096, 'c'));
+  options.volumes = {{"c", ImageOf("c")}};
+  options.stateDirectory = m_folder / "other";
+  options.metrics = first->m_metrics->Local();
+  ASSERT_EQ(Open(options), "");
+  EXPECT_EQ(m_source->Start(),
+            "can't serve metrics on " + options.metrics->Text() + ": Address already in use");
 }
 
 TEST_F(Live, ALimitOfTheRateIsTaken) {

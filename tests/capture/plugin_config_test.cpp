@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -104,6 +105,7 @@ TEST_F(PluginKeys, TheLeastIsEnoughAndTheRestHasDefaults) {
   EXPECT_EQ(m_options.compress.Text(), CompressSpec::Parse("auto")->Text());
   EXPECT_EQ(m_options.connect.connection.rateLimit, 0U);
   EXPECT_EQ(m_options.jobs, JobsOf(0));
+  EXPECT_EQ(m_options.metrics, std::nullopt);
 }
 
 TEST_F(PluginKeys, EveryKeyEndsWhereItBelongs) {
@@ -115,6 +117,7 @@ TEST_F(PluginKeys, EveryKeyEndsWhereItBelongs) {
                         {"compress", "zstd:3"},
                         {"limit-rate", "5M"},
                         {"jobs", "3"},
+                        {"metrics", "127.0.0.1:9101"},
                         {"take-over", "true"},
                         {"tls-name", "target.example"},
                         {"log-level", "error"},
@@ -128,6 +131,8 @@ TEST_F(PluginKeys, EveryKeyEndsWhereItBelongs) {
   EXPECT_EQ(m_options.compress.Text(), "zstd:3");
   EXPECT_EQ(m_options.connect.connection.rateLimit, 5U << 20U);
   EXPECT_EQ(m_options.jobs, 3U);
+  ASSERT_TRUE(m_options.metrics.has_value());
+  EXPECT_EQ(m_options.metrics->Text(), "127.0.0.1:9101");
   EXPECT_TRUE(m_options.takeOver);
   EXPECT_EQ(m_options.connect.peerName, "target.example");
   EXPECT_FALSE(IsLogged(Severity::kWarning));
@@ -223,6 +228,8 @@ TEST_F(PluginKeys, WrongValuesAreRefusedUnderTheirKey) {
   EXPECT_EQ(FinishWith({{"take-over", "\x1b"}}), "take: take-over=\\x1b: true or false");
   EXPECT_THAT(FinishWith({{"group", "a b"}}), HasSubstr("is no name of a group"));
   EXPECT_THAT(FinishWith({{"to", "nowhere"}}), HasSubstr("no port in 'nowhere'"));
+  EXPECT_THAT(FinishWith({{"metrics", "9101"}}), HasSubstr("metrics: no port in '9101'"));
+  EXPECT_THAT(FinishWith({{"metrics", "unix:/m.sock"}}), HasSubstr("metrics: give ADDR:PORT"));
   EXPECT_THAT(FinishWith({{"compress", "best"}}), HasSubstr("'best'"));
   EXPECT_THAT(FinishWith({{"log-level", "loud"}}), HasSubstr("loud"));
   EXPECT_THAT(FinishWith({{"log-format", "xml"}}), HasSubstr("xml"));
@@ -245,9 +252,9 @@ TEST_F(PluginKeys, SizesThatDoNotGoTogetherAreRefused) {
 TEST_F(PluginKeys, TheHelpNamesEveryKey) {
   const std::string help = PluginConfig::Help();
   for (const char* key :
-       {"group", "to", "state", "volume", "tls-certs", "tls-psk", "plaintext", "tls-name",
-        "interval", "max-dataset", "memory", "spool", "spool-max", "compress", "limit-rate", "jobs",
-        "take-over", "log-level", "log-format"}) {
+       {"group",      "to",       "state",       "volume",    "tls-certs", "tls-psk",   "plaintext",
+        "tls-name",   "interval", "max-dataset", "memory",    "spool",     "spool-max", "compress",
+        "limit-rate", "jobs",     "metrics",     "take-over", "log-level", "log-format"}) {
     EXPECT_THAT(help, HasSubstr(std::string(key) + "="));
   }
 }

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef PENSTOCK_CAPTURE_SOURCE_METRICS_H_
+#define PENSTOCK_CAPTURE_SOURCE_METRICS_H_
+
+#include <cstdint>
+#include <string>
+
+#include "capture/control.h"
+#include "engine/capture.h"
+#include "engine/source_engine.h"
+
+namespace penstock {
+
+// What a source in live use says of itself, as LiveStatusText does, for monitoring: in Prometheus'
+// text format. docs/operations.md has every name.
+std::string SourceMetrics(const std::string& group, const SourceStatus& status,
+                          const Capture& capture, std::uint64_t memoryUsed,
+                          const LiveLimits& limits, std::uint64_t lagMs);
+
+}  // namespace penstock
+
+#endif  // PENSTOCK_CAPTURE_SOURCE_METRICS_H_
