@@ -40,8 +40,8 @@ _penstock() {
     --wait) _penstock_offer 'durable applied flushed' "$current" ;;
     --spool | --state | --tls-certs | --volumes) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
     --group | --identity | --interval | --jobs | --journal-quota | --limit-rate | --listen | \
-      --max-dataset | --max-lag | --memory | --nbd | --of | --retry-for | --spool-max | \
-      --tls-name | --to) ;;
+      --max-dataset | --max-lag | --memory | --metrics | --nbd | --of | --retry-for | \
+      --spool-max | --tls-name | --to) ;;
     *)
       if [[ $current == -* && -z $behind_equals ]]; then
         _penstock_offer "$(_penstock_listed Options "$program" "${COMP_WORDS[1]}")" "$current"

@@ -60,7 +60,8 @@ function __penstock_complete
         case --spool --state --tls-certs --volumes
             __penstock_files "$kept" -d
         case --group --identity --interval --jobs --journal-quota --limit-rate --listen \
-            --max-dataset --max-lag --memory --nbd --of --retry-for --spool-max --tls-name --to
+            --max-dataset --max-lag --memory --metrics --nbd --of --retry-for --spool-max \
+            --tls-name --to
         case '*'
             __penstock_files "$kept"
     end

@@ -42,6 +42,13 @@ for program in both reversed host_only own_support; do
 done
 grep -q 'own support: Pipeline::PushDs()' "$work/stderr" || fail "own support was not used"
 
+if [[ -x $work/moved/bin/penstock ]]; then
+  for name in alerts.yml dashboard.json; do
+    [[ -s $work/moved/share/penstock/monitoring/$name ]] || fail "$name is not installed"
+  done
+  echo "ok: what monitoring needs is installed"
+fi
+
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
 main=$source/tests/package/consumer/main.cpp
 # Flags are words: they are meant to split.
