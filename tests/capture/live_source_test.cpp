@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
@@ -156,6 +157,8 @@ class Live : public testing::Test {
     std::vector<SocketAddress> addresses;
     EXPECT_EQ(Resolve(place, false, addresses), "");
     const Fd fd(::socket(addresses.front().storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval limit{20, 0};
+    EXPECT_EQ(::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
     if (::connect(fd.Get(), addresses.front().Get(), addresses.front().size) != 0) return {};
     const std::string_view request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
     if (::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) return {};
@@ -460,6 +463,7 @@ TEST_F(Live, MetricsAreServedFromTheStartToTheEnd) {
   EXPECT_THAT(text, HasSubstr("\npenstock_source_writes_total{group=\"g\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("\npenstock_source_written_bytes_total{group=\"g\"} 4096\n"));
   m_source->Stop();
+  EXPECT_EQ(m_source->m_metrics, nullptr);
   EXPECT_EQ(Scrape(place), "");
   m_source.reset();
   SetLogOutput([](std::string_view) {});

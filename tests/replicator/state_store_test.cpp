@@ -213,21 +213,22 @@ TEST_F(State, GroupsAreApart) {
 }
 
 TEST_F(State, TheGreatestNumbersSurvive) {
-  constexpr auto kTop = ~std::uint64_t{0};
+  constexpr auto kLargest = ~std::uint64_t{0};
   ASSERT_EQ(Open(), "");
   StateChange change;
-  change.epoch = change.durable = change.flushedAtMs = kTop;
+  change.epoch = change.durable = change.flushedAtMs = kLargest;
   change.flushed = 1;
   change.chain = Chain(1);
-  change.addJournal = {
-      {2, 0, Chain(2), {}, kTop}, {kTop - 1, 0, Chain(3), {}, 0}, {kTop, 0, Chain(1), {}, 0}};
+  change.addJournal = {{2, 0, Chain(2), {}, kLargest},
+                       {kLargest - 1, 0, Chain(3), {}, 0},
+                       {kLargest, 0, Chain(1), {}, 0}};
   ASSERT_EQ(m_store->Commit("g", change), "");
   Reopen();
-  const auto most = std::to_string(kTop);
+  const auto most = std::to_string(kLargest);
   EXPECT_EQ(Loaded(), "g e" + most + " d" + most + " f1 c1 t" + most + " #2.0.2." + most + " #" +
-                          std::to_string(kTop - 1) + ".0.3.0 #" + most + ".0.1.0\n");
+                          std::to_string(kLargest - 1) + ".0.3.0 #" + most + ".0.1.0\n");
   change.addJournal.clear();
-  change.flushed = change.dropJournalUpTo = kTop - 1;
+  change.flushed = change.dropJournalUpTo = kLargest - 1;
   ASSERT_EQ(m_store->Commit("g", change), "");
   EXPECT_THAT(Loaded(), HasSubstr(" c1 t" + most + " #" + most + ".0.1.0"));
 }
