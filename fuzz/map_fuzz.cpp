@@ -217,9 +217,10 @@ class Driven {
  private:
   struct Extent {
     bool isStale = false;
-    std::uint32_t writers = 0;   // that may have written
-    std::uint64_t n = 0;         // the newest dataset that has something of it
-    std::uint64_t markedBy = 0;  // what is stale without a write is on disk from here on
+    std::uint32_t writers = 0;    // that may have written
+    std::uint64_t n = 0;          // the newest dataset that has something of it
+    std::uint64_t writtenAt = 0;  // in the volume, as m_clock counts
+    std::uint64_t markedBy = 0;   // what is stale without a write is on disk from here on
   };
   struct Writer {
     std::uint64_t offset = 0;
@@ -289,7 +290,9 @@ class Driven {
       --m_model[e].writers;
       m_model[e].n = std::max(m_model[e].n, n);
       m_model[e].isStale = m_model[e].isStale || n == 0;
+      m_model[e].writtenAt = m_clock;
     }
+    ++m_clock;
     m_writers.erase(place);
   }
 
@@ -357,12 +360,16 @@ class Driven {
     }
   }
 
+  // In between, the volume is synced: as early as can be.
   void Clear() {
-    switch (m_in.Below(3)) {
-      case 0: return m_map.BeginClear();
-      case 1: return m_map.EndClear();
-      default: m_map.BeginClear(); m_map.EndClear();
+    const std::uint32_t what = m_in.Below(3);
+    if (what != 1) {
+      m_map.BeginClear();
+      m_syncing = m_clock;
     }
+    if (what == 0) return;
+    m_map.EndClear();
+    m_synced = m_syncing;
   }
 
   // What is stale without a write before it need not be on disk before the next save.
@@ -381,7 +388,9 @@ class Driven {
       if (m_map.SavedGeneration() < extent.markedBy) return extent.writers > 0;
       extent.markedBy = 0;
     }
-    return extent.isStale || extent.writers > 0 || extent.n > m_flushed;
+    // What the target has and the volume may lose has to be compared as well.
+    return extent.isStale || extent.writers > 0 || extent.n > m_flushed ||
+           extent.writtenAt >= m_synced;
   }
 
   static bool IsMarked(const MapSector& sector, std::uint64_t e) {
@@ -439,6 +448,9 @@ class Driven {
   std::optional<ChangeMap::Save> m_save;
   std::uint64_t m_open = 1;
   std::uint64_t m_flushed = 0;
+  std::uint64_t m_clock = 1;  // of writes that ended
+  std::uint64_t m_syncing = 1;
+  std::uint64_t m_synced = 1;  // the volume: what was written before
 };
 
 }  // namespace
