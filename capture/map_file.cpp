@@ -77,7 +77,9 @@ std::string MapFile::Load(Capture& capture, std::uint8_t index) {
     isWhole = ReadSector(m_fd.Get(), i + 1, sector) && CheckBits(m_header.id, i, sector);
     if (isWhole) capture.Load(index, i, sector);
   }
-  if (isWhole) return {};
+  // A process that was killed may have left marks that are not on the disk yet: no write may rely
+  // on them before they are.
+  if (isWhole) return Sync();
   if (!m_isNew) {
     Log(Severity::kWarning, "a change map is damaged; all of its volume is compared",
         {{"path", m_path}});

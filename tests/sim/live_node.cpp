@@ -126,6 +126,7 @@ void LiveNode::LoadMap(std::uint8_t volume) {
     isWhole = CheckBits(id, i, sector);
     if (isWhole) m_capture->Load(volume, i, sector);
   }
+  m_disk.Sync(path);  // what a process that was killed left may not be on the disk
   if (isWhole) return;
   m_world.Log("source: nothing is known of volume " + std::to_string(volume));
   m_capture->LoadNothing(volume);
@@ -203,11 +204,6 @@ void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
   m_node.m_taken = m_node.m_live;
   // The points of what the spool had are known from the life before.
   m_node.m_closed = m_node.m_engine->m_last;
-}
-
-void LiveNode::Watched::Lose() {
-  Capture::Lose();
-  m_node.m_points.clear();
 }
 
 std::vector<CapturedWrite> LiveNode::Watched::TakeWrites(std::uint64_t n) {

@@ -66,7 +66,6 @@ class LiveNode {
    public:
     Watched(LiveNode& node, const CaptureOptions& options) : Capture(options), m_node(node) {}
     void Begin(const std::vector<bool>& whole) override;
-    void Lose() override;
     std::vector<CapturedWrite> TakeWrites(std::uint64_t n) override;
 
    private:
@@ -132,6 +131,8 @@ class LiveNode {
   std::vector<std::vector<std::uint8_t>> m_live;   // with every captured write
   std::vector<std::vector<std::uint8_t>> m_taken;  // with every write that is in a dataset
   std::uint64_t m_closed = 0;
+  // By number. Those of a backlog that was given up stay: a crash can bring its spool back, and a
+  // number is not used again before that is impossible.
   std::map<std::uint64_t, Point> m_points;
   ConnId m_conn = 0;
   SourceStatus m_before;
