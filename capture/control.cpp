@@ -53,9 +53,14 @@ LiveState StateOf(const SourceStatus& status, bool isRecording) {
   return status.phase == SourcePhase::kOnline ? LiveState::kReplicating : LiveState::kConnecting;
 }
 
+// What capture added to a guest's writes.
+static json LatencyJson(const LatencyCounts& held) {
+  return {{"writes", held.Total()}, {"meanUs", held.MeanUs()}, {"p99Us", held.PercentileUs(99)}};
+}
+
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
                            const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits, std::uint64_t lagMs) {
+                           const LiveLimits& limits, const LiveTimes& times) {
   const LiveState state = StateOf(status, capture.IsRecording());
   json out = {{"group", group},
               {"state", Text(state)},
@@ -67,7 +72,7 @@ std::string LiveStatusText(const std::string& group, const SourceStatus& status,
               {"applied", status.applied},
               {"flushed", status.flushed},
               {"lagDatasets", status.closed - std::min(status.closed, status.flushed)},
-              {"lagSeconds", static_cast<double>(lagMs) / 1000},
+              {"lagSeconds", static_cast<double>(times.lagMs) / 1000},
               {"memoryBytes", memoryUsed + capture.BytesHeld()},
               {"memoryLimit", limits.memory},
               {"spoolBytes", status.spooledBytes},
@@ -85,7 +90,10 @@ std::string LiveStatusText(const std::string& group, const SourceStatus& status,
   if (state == LiveState::kResyncing && status.passBytes > 0) {
     out["percent"] = 100.0 * static_cast<double>(std::min(status.passedBytes, status.passBytes)) /
                      static_cast<double>(status.passBytes);
+    if (times.etaSeconds > 0) out["etaSeconds"] = times.etaSeconds;
   }
+  out["guestLatency"] = LatencyJson(times.held);
+  out["guestLatencyLately"] = LatencyJson(times.heldLately);
   if (!status.lastOverflow.empty()) out["lastOverflow"] = status.lastOverflow;
   if (!status.lastTrouble.empty()) out["trouble"] = status.lastTrouble;
   if (!status.failure.empty()) out["failure"] = status.failure;
@@ -103,6 +111,7 @@ std::string LiveStatusTable(const std::string& text) {
   std::string state = word("state");
   if (status.contains("percent")) {
     state += ", " + std::to_string(static_cast<int>(status.value("percent", 0.0))) + " %";
+    if (const auto eta = number("etaSeconds"); eta > 0) state += ", ETA " + HumanSeconds(eta);
   }
   std::string out =
       row("group", word("group")) + row("state", state) + row("connection", word("connection"));
@@ -121,6 +130,14 @@ std::string LiveStatusTable(const std::string& text) {
   out += row("written", HumanBytes(number("writtenBytes")) + " by " +
                             std::to_string(number("writes")) + " writes, sent " +
                             HumanBytes(number("sentBytes")));
+  const json none = json::object();
+  const json lately = status.value("guestLatencyLately", none);
+  if (lately.is_object() && lately.value("writes", std::uint64_t{0}) > 0) {
+    out += row("guest", "writes are held up for " +
+                            std::to_string(lately.value("meanUs", std::uint64_t{0})) +
+                            " us on average, 99 % of them for at most " +
+                            std::to_string(lately.value("p99Us", std::uint64_t{0})) + " us");
+  }
   out += row("overflows", std::to_string(number("overflows")));
   for (const char* name : {"lastOverflow", "trouble", "failure"}) {
     if (status.contains(name)) out += row(name, Escape(word(name)));
@@ -150,11 +167,12 @@ std::uint64_t LagClock::LagMs(std::uint64_t nowMs) const {
 
 std::string ControlPath(const std::string& directory) { return directory + "/source.sock"; }
 
-Control::Control(EventLoop& loop, SourceRunner& runner, const Capture& capture, std::string group,
-                 LiveLimits limits)
+Control::Control(EventLoop& loop, SourceRunner& runner, const Capture& capture,
+                 const GuestLatency& latency, std::string group, LiveLimits limits)
     : m_loop(loop),
       m_runner(runner),
       m_capture(capture),
+      m_latency(latency),
       m_group(std::move(group)),
       m_limits(limits) {}
 
@@ -219,14 +237,19 @@ std::string Control::Do(Peer& peer, const std::string& text) {
   return Status();
 }
 
+LiveTimes Control::Times() const {
+  const std::uint64_t now = EventLoop::NowMs();
+  return {m_lag.LagMs(now), m_eta.Seconds(now), m_latency.Read(), m_lately};
+}
+
 std::string Control::Status() const {
   return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture,
-                        m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
+                        m_runner.Engine().MemoryUsed(), m_limits, Times());
 }
 
 std::string Control::Metrics() const {
   return SourceMetrics(m_group, m_runner.Engine().Status(), m_capture,
-                       m_runner.Engine().MemoryUsed(), m_limits, m_lag.LagMs(EventLoop::NowMs()));
+                       m_runner.Engine().MemoryUsed(), m_limits, Times());
 }
 
 std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent,
@@ -262,7 +285,11 @@ bool Control::IsReached(const Peer& peer) const {
 
 void Control::Changed() {
   const SourceStatus& status = m_runner.Engine().Status();
-  m_lag.See(status, m_capture.IsRecording(), EventLoop::NowMs());
+  const std::uint64_t now = EventLoop::NowMs();
+  m_lag.See(status, m_capture.IsRecording(), now);
+  m_eta.See(status.resyncing ? status.passedBytes : 0, status.resyncing ? status.passBytes : 0,
+            now);
+  m_lately = m_recent.See(m_latency.Read(), now);
   for (Peer& peer : m_peers) {
     if (peer.point == 0) continue;
     if (IsReached(peer)) {

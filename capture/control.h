@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "capture/guest_latency.h"
 #include "engine/capture.h"
 #include "replicator/event_loop.h"
 #include "replicator/runner_source.h"
@@ -35,9 +36,15 @@ struct LiveLimits {
   std::uint64_t memory = 0;
   std::uint64_t spool = 0;
 };
+struct LiveTimes {
+  std::uint64_t lagMs = 0;
+  std::uint64_t etaSeconds = 0;  // of a comparison; 0: that can't be said
+  LatencyCounts held = {};       // by capture, since the start
+  LatencyCounts heldLately = {};
+};
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
                            const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits, std::uint64_t lagMs);
+                           const LiveLimits& limits, const LiveTimes& times);
 
 // How far the target is behind, in time: since when something that was closed is not flushed there,
 // or nothing could be closed for it.
@@ -68,8 +75,8 @@ std::string ControlPath(const std::string& directory);
 // Threads: the loop's.
 class Control {
  public:
-  Control(EventLoop& loop, SourceRunner& runner, const Capture& capture, std::string group,
-          LiveLimits limits);
+  Control(EventLoop& loop, SourceRunner& runner, const Capture& capture,
+          const GuestLatency& latency, std::string group, LiveLimits limits);
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
 
@@ -92,6 +99,7 @@ class Control {
   void Answer(Place peer, const Frame& frame);
   std::string Do(Peer& peer, const std::string& text);
   std::string Status() const;
+  LiveTimes Times() const;
   std::string ClosePoint(Peer& peer, const std::string& wait, bool consistent,
                          const std::string& mark);
   bool IsReached(const Peer& peer) const;
@@ -99,9 +107,13 @@ class Control {
   EventLoop& m_loop;
   SourceRunner& m_runner;
   const Capture& m_capture;
+  const GuestLatency& m_latency;
   std::string m_group;
   LiveLimits m_limits;
   LagClock m_lag;
+  EtaClock m_eta;
+  RecentLatency m_recent;
+  LatencyCounts m_lately;
   std::list<Peer> m_peers;
   std::unique_ptr<Listener> m_listener;
 };

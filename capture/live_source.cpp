@@ -139,7 +139,7 @@ std::string LiveSource::Start() {
   options.store = m_store;
   options.onThread = GiveWay;
   m_runner = std::make_unique<SourceRunner>(*m_loop, std::move(options));
-  m_control = std::make_unique<Control>(*m_loop, *m_runner, *m_capture, m_options.group,
+  m_control = std::make_unique<Control>(*m_loop, *m_runner, *m_capture, m_latency, m_options.group,
                                         LiveLimits{m_options.memory, m_options.spoolBytes});
   if (auto fault = m_control->Open(m_options.stateDirectory); !fault.empty()) return fault;
   if (auto fault = ServeMetrics(); !fault.empty()) return fault;
@@ -218,14 +218,14 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
 // carried off in time need not be given up. It is never held up for longer than half of what it
 // took anyway: a guest that writes faster than the backlog can leave goes on at two thirds of its
 // speed at least, and the backlog is given up.
-void LiveSource::Delay(std::chrono::steady_clock::time_point begin) const {
+void LiveSource::Delay(Clock::time_point begin) const {
   const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
   const std::uint64_t part = m_options.memory / 4;
   if (used <= 3 * part) return;
   const std::uint64_t share = std::min(used - 3 * part, part);
   // Of this thread: what was too short to be waited for.
   thread_local std::chrono::nanoseconds owed{0};
-  const auto took = std::chrono::steady_clock::now() - begin;
+  const auto took = Clock::now() - begin;
   owed +=
       took / 2 * static_cast<std::int64_t>(share * 1024 / std::max<std::uint64_t>(part, 1)) / 1024;
   if (owed < kLeastDelay) return;
@@ -244,14 +244,15 @@ bool LiveSource::ReadBack(const VolumeFile& file, CapturedWrite& write) {
 }
 
 template <class Change>
-int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change) {
+int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, Clock::time_point begin,
+                      const Change& change) {
   LiveVolume& volume = *m_volumes[index];
   const auto number = static_cast<std::uint8_t>(index);
   const std::uint64_t size = volume.file->Size();
   if (write.offset > size || write.length > size - write.offset) return EINVAL;
   write.volume = number;
-  const auto begin = std::chrono::steady_clock::now();
   std::string fault;
+  Clock::duration own{0};  // the volume's
   bool isFull = false;
   {
     const RangeLock::Hold held(volume.lock, write.offset, write.length);
@@ -260,7 +261,9 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
       m_capture->Failed(number, write.offset, write.length);
       return EIO;
     }
+    const auto from = Clock::now();
     fault = change();
+    own = Clock::now() - from;
     if (fault.empty() || ReadBack(*volume.file, write)) {
       isFull = m_capture->Captured(std::move(write));
     } else {
@@ -273,6 +276,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
     });
   }
   Delay(begin);
+  m_latency.Add(Clock::now() - begin - own);
   if (fault.empty() && sync) return Flush(index);
   if (!fault.empty()) Log(Severity::kError, fault);
   return fault.empty() ? 0 : ErrnoOf(fault);
@@ -280,17 +284,18 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, const C
 
 int LiveSource::Write(std::size_t volume, std::uint64_t offset, Bytes data, bool sync) {
   if (data.empty()) return sync ? Flush(volume) : 0;
+  const auto begin = Clock::now();
   // The one copy: the dataset shares it until the target has it.
   std::shared_ptr<std::uint8_t[]> copy = m_payloads->Take(data.size());
   std::copy(data.begin(), data.end(), copy.get());
   CapturedWrite write{0, offset, static_cast<std::uint32_t>(data.size()), std::move(copy)};
-  return Carry(volume, std::move(write), sync,
+  return Carry(volume, std::move(write), sync, begin,
                [&] { return m_volumes[volume]->file->Write(offset, data); });
 }
 
 int LiveSource::Zero(std::size_t volume, std::uint64_t offset, std::uint32_t length, bool sync) {
   if (length == 0) return sync ? Flush(volume) : 0;
-  return Carry(volume, {0, offset, length, nullptr}, sync,
+  return Carry(volume, {0, offset, length, nullptr}, sync, Clock::now(),
                [&] { return m_volumes[volume]->file->Zero(offset, length); });
 }
 

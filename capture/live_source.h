@@ -78,12 +78,15 @@ class LiveSource {
   int Flush(std::size_t volume);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   explicit LiveSource(LiveOptions options) : m_options(std::move(options)) {}
   std::string OpenVolumes(const SourceState& state);
   template <class Change>
-  int Carry(std::size_t index, CapturedWrite write, bool sync, const Change& change);
+  int Carry(std::size_t index, CapturedWrite write, bool sync, Clock::time_point begin,
+            const Change& change);
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
-  void Delay(std::chrono::steady_clock::time_point begin) const;
+  void Delay(Clock::time_point begin) const;
   std::string ServeMetrics();
   void Changed();
   void TryStop();
@@ -93,6 +96,7 @@ class LiveSource {
   std::vector<std::unique_ptr<LiveVolume>> m_volumes;
   std::unique_ptr<Capture> m_capture;
   std::unique_ptr<PayloadPool> m_payloads;
+  GuestLatency m_latency;
   std::shared_ptr<DiskStore> m_store;
   SourceConfig m_config;
   // Of the thread.

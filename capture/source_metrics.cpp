@@ -33,6 +33,16 @@ class GroupWriter {
     m_text.Begin(kGaugeType, name, help);
     m_text.Value(m_labels, static_cast<double>(ms) / 1000);
   }
+  void Latency(const char* name, const char* help, const LatencyCounts& held) {
+    m_text.Begin(MetricType::kHistogram, name, help);
+    MetricHistogram histogram;
+    for (std::size_t i = 0; i < LatencyCounts::kBounds; ++i) {
+      histogram.bounds.push_back(static_cast<double>(LatencyCounts::BoundUs(i)) / 1e6);
+    }
+    histogram.counts.assign(held.counts.begin(), held.counts.end());
+    histogram.sum = static_cast<double>(held.sumNs) / 1e9;
+    m_text.Histogram(m_labels, histogram);
+  }
   void State(const char* name, const char* help, LiveState state) {
     m_text.Begin(kGaugeType, name, help);
     std::vector<std::string_view> words;
@@ -107,7 +117,7 @@ void AddCounters(GroupWriter& out, const SourceStatus& status, const Capture& ca
 
 std::string SourceMetrics(const std::string& group, const SourceStatus& status,
                           const Capture& capture, std::uint64_t memoryUsed,
-                          const LiveLimits& limits, std::uint64_t lagMs) {
+                          const LiveLimits& limits, const LiveTimes& times) {
   MetricsText text;
   AddBuildInfo(text, "source");
   GroupWriter out(text, group);
@@ -120,11 +130,16 @@ std::string SourceMetrics(const std::string& group, const SourceStatus& status,
              "The newest dataset that was closed, sent, or reported at this stage by the target.",
              status);
   out.Seconds("penstock_source_lag_seconds",
-              "How long something that the target has not flushed is waiting.", lagMs);
+              "How long something that the target has not flushed is waiting.", times.lagMs);
   out.Gauge("penstock_source_lag_datasets", "Datasets that are closed and not flushed.",
             status.closed - std::min(status.closed, status.flushed));
   AddWaiting(out, status, capture, memoryUsed, limits);
   AddCounters(out, status, capture);
+  out.Latency("penstock_source_guest_held_seconds",
+              "How long guests' writes were held up, beside the volume's own time.", times.held);
+  out.Seconds("penstock_source_resync_eta_seconds",
+              "When a comparison will be done; 0: that can't be said, or none is under way.",
+              times.etaSeconds * 1000);
   return text.Take();
 }
 

@@ -15,7 +15,7 @@ namespace penstock {
 // text format. docs/operations.md has every name.
 std::string SourceMetrics(const std::string& group, const SourceStatus& status,
                           const Capture& capture, std::uint64_t memoryUsed,
-                          const LiveLimits& limits, std::uint64_t lagMs);
+                          const LiveLimits& limits, const LiveTimes& times);
 
 }  // namespace penstock
 

@@ -27,13 +27,40 @@ class LiveStatus : public testing::Test {
   LiveStatus() : m_capture({.volumes = {{{}, 8U << 20U}}}) {}
 
   std::string Json() const {
-    return LiveStatusText("shop", m_status, m_capture, 5, {100, 200}, 1500);
+    return LiveStatusText("shop", m_status, m_capture, 5, {100, 200}, m_times);
   }
   nlohmann::json Status() const { return nlohmann::json::parse(Json()); }
 
   Capture m_capture;
   SourceStatus m_status = StatusIn(SourcePhase::kOnline);
+  LiveTimes m_times{.lagMs = 1500};
 };
+
+TEST_F(LiveStatus, ShowsWhenAComparisonWillBeDoneWhileThereIsOne) {
+  m_status.resyncing = true;
+  m_status.passBytes = 100;
+  m_status.passedBytes = 25;
+  m_capture.Begin({});
+  EXPECT_FALSE(Status().contains("etaSeconds"));
+  m_times.etaSeconds = 75;
+  EXPECT_EQ(Status()["etaSeconds"], 75);
+  EXPECT_THAT(LiveStatusTable(Json()), HasSubstr("resyncing, 25 %, ETA 1 m 15 s"));
+  m_status.resyncing = false;
+  EXPECT_FALSE(Status().contains("etaSeconds"));
+}
+
+TEST_F(LiveStatus, ShowsWhatItAddsToAGuestsWrites) {
+  EXPECT_THAT(LiveStatusTable(Json()), Not(HasSubstr("guest")));
+  m_times.heldLately.counts[3] = 99;
+  m_times.heldLately.counts[10] = 1;
+  m_times.heldLately.sumNs = 500'000;
+  m_times.held = m_times.heldLately;
+  m_times.held.counts[12] = 100;
+  EXPECT_EQ(Status()["guestLatencyLately"]["p99Us"], 8);
+  EXPECT_EQ(Status()["guestLatency"]["p99Us"], 4096);
+  EXPECT_THAT(LiveStatusTable(Json()),
+              HasSubstr("writes are held up for 5 us on average, 99 % of them for at most 8 us"));
+}
 
 // --- One word. ---
 
@@ -97,6 +124,7 @@ TEST_F(LiveStatus, EveryNumberIsUnderItsName) {
   m_status.packedBytes = 15;
   m_status.sentBytes = 16;
   m_status.reconnects = 17;
+  const nlohmann::json none = {{"writes", 0}, {"meanUs", 0}, {"p99Us", 0}};
   const nlohmann::json expected = {
       {"group", "shop"},     {"state", "spooling"},  {"connection", Text(SourcePhase::kOnline)},
       {"epoch", 3},          {"closed", 10},         {"sent", 9},
@@ -106,7 +134,7 @@ TEST_F(LiveStatus, EveryNumberIsUnderItsName) {
       {"spoolDatasets", 12}, {"markedBytes", 0},     {"overflows", 13},
       {"writes", 1},         {"writtenBytes", 4096}, {"rawBytes", 14},
       {"packedBytes", 15},   {"sentBytes", 16},      {"mapSaves", 1},
-      {"reconnects", 17}};
+      {"reconnects", 17},    {"guestLatency", none}, {"guestLatencyLately", none}};
   EXPECT_EQ(Status(), expected);
 }
 

@@ -17,12 +17,13 @@ class LiveMetrics : public testing::Test {
   LiveMetrics() : m_capture({.volumes = {{{}, 8U << 20U}}}) {
     m_status.phase = SourcePhase::kOnline;
     m_status.epoch = 3;
+    m_times.lagMs = 1500;
   }
 
   // Values by name, and the labels behind the group.
   std::map<std::string, std::string> Samples() const {
     std::map<std::string, std::string> samples;
-    std::istringstream lines(SourceMetrics("shop", m_status, m_capture, 5, {100, 200}, 1500));
+    std::istringstream lines(SourceMetrics("shop", m_status, m_capture, 5, {100, 200}, m_times));
     const std::string prefix = "penstock_source_";
     const std::string group = "{group=\"shop\"";
     for (std::string line; std::getline(lines, line);) {
@@ -40,6 +41,7 @@ class LiveMetrics : public testing::Test {
   }
 
   Capture m_capture;
+  LiveTimes m_times;
   SourceStatus m_status;
 };
 
@@ -64,6 +66,10 @@ TEST_F(LiveMetrics, EveryNumberIsUnderItsName) {
   m_status.equalBytes = 20;
   m_status.passBytes = 21;
   m_status.passedBytes = 22;
+  m_times.etaSeconds = 23;
+  m_times.held.counts[4] = 24;
+  m_times.held.counts[LatencyCounts::kBounds] = 25;
+  m_times.held.sumNs = 26'000'000'000;
   const std::map<std::string, std::string> expected = {
       {"connected}", "1"},
       {"epoch}", "3"},
@@ -92,9 +98,18 @@ TEST_F(LiveMetrics, EveryNumberIsUnderItsName) {
       {"resent_datasets_total}", "18"},
       {"reconnects_total}", "17"},
       {"damaged_answers_total}", "19"},
-      {"map_saves_total}", "1"}};
+      {"map_saves_total}", "1"},
+      {"resync_eta_seconds}", "23"},
+      {"guest_held_seconds_sum}", "26"},
+      {"guest_held_seconds_count}", "49"}};
   auto samples = Samples();
-  std::erase_if(samples, [](const auto& sample) { return sample.first.starts_with("state,"); });
+  EXPECT_EQ(samples.at("guest_held_seconds_bucket,le=\"8e-06\"}"), "0");
+  EXPECT_EQ(samples.at("guest_held_seconds_bucket,le=\"1.6e-05\"}"), "24");
+  EXPECT_EQ(samples.at("guest_held_seconds_bucket,le=\"+Inf\"}"), "49");
+  std::erase_if(samples, [](const auto& sample) {
+    return sample.first.starts_with("state,") ||
+           sample.first.starts_with("guest_held_seconds_bucket");
+  });
   EXPECT_EQ(samples, expected);
 }
 

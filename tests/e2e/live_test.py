@@ -51,6 +51,36 @@ class Live(Rig):
         guest.close()  # nbdkit ends when its clients have
         self.assertEqual(served.end(), 0)
 
+    def test_a_point_with_a_name_is_in_the_targets_list(self):
+        self.image("v.img", MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL)
+        guest = served.guest("v")
+        served.point("flushed")
+        self.scribble(guest, MIB, 5)
+        code, first, err = served.order("point", "--mark", "before the upgrade", "--wait", "flushed")
+        self.assertEqual(code, 0, err)
+        # Another one waits in the spool while both are down.
+        self.stop(target, signal.SIGKILL)
+        self.scribble(guest, MIB, 5)
+        code, second, err = served.order("point", "--mark", "behind it")
+        self.assertEqual(code, 0, err)
+        for _ in range(10):
+            guest.pwrite(self.random.randbytes(MIB), 0)
+        wait_for(lambda: served.status()["spoolDatasets"] > 0, "the spool")
+        served.end(signal.SIGKILL)
+        self.target(listen=address)
+        served = self.serve(address, *SMALL)
+        self.assert_followed(served)
+        points = self.ok("status", "--json", "--of", address,
+                         "--plaintext").json()["groups"][0]["points"]
+        self.assertEqual([(p["n"], p["name"]) for p in points],
+                         [(int(first), "before the upgrade"), (int(second), "behind it")])
+        table = self.ok("status", "--of", address, "--plaintext").out
+        self.assertIn(f'point {first} "before the upgrade", 20', table)
+        self.refused(3, "a mark is printable ASCII", "point", "--state", served.state,
+                     "--mark", "\u00fc")
+
     def test_several_volumes_share_their_points(self):
         self.image("a.img", MIB)
         self.image("b.img", 2 * MIB)

@@ -107,10 +107,10 @@ TEST_F(SourceNames, OfAnotherDatasetOfTheSameNumberIsNotTaken) {
 }
 
 TEST_F(SourceNames, IsGivenUpWithTheBacklog) {
-  AloneWith(0);
-  Guest(0);
+  AloneWith(3);
   Point("eve");
-  for (int i = 0; i < 12; ++i) Fill(1);
+  ASSERT_EQ(m_engine->m_names.size(), 1U);
+  Stored(IoStatus::kFailed);
   ASSERT_EQ(Status().overflows, 1U);
   EXPECT_TRUE(m_engine->m_names.empty());
 }
