@@ -2,6 +2,7 @@
 #include "capture/control.h"
 
 #include <algorithm>
+#include <array>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -42,15 +43,37 @@ const char* Text(LiveState state) {
   return "unknown";
 }
 
+std::span<const LiveRule> LiveRules() {
+  static constexpr std::array kRules = {
+      LiveRule{"the engine stopped for good",
+               [](const SourceStatus& s, bool) { return s.phase == SourcePhase::kStopped; },
+               LiveState::kStopped},
+      LiveRule{"its operator paused it",
+               [](const SourceStatus& s, bool) { return s.phase == SourcePhase::kPaused; },
+               LiveState::kPaused},
+      LiveRule{"writes are marked only, and the target was never reached",
+               [](const SourceStatus& s, bool isKept) { return !isKept && s.epoch == 0; },
+               LiveState::kConnecting},
+      LiveRule{"writes are marked only", [](const SourceStatus&, bool isKept) { return !isKept; },
+               LiveState::kTrackingOnly},
+      LiveRule{"something is compared, or has to be",
+               [](const SourceStatus& s, bool) { return s.resyncing; }, LiveState::kResyncing},
+      LiveRule{"datasets are in the spool",
+               [](const SourceStatus& s, bool) { return s.spooledDatasets > 0; },
+               LiveState::kSpooling},
+      LiveRule{"the connection is up",
+               [](const SourceStatus& s, bool) { return s.phase == SourcePhase::kOnline; },
+               LiveState::kReplicating},
+      LiveRule{"otherwise", [](const SourceStatus&, bool) { return true; }, LiveState::kConnecting},
+  };
+  return kRules;
+}
+
 LiveState StateOf(const SourceStatus& status, bool isRecording) {
-  if (status.phase == SourcePhase::kStopped) return LiveState::kStopped;
-  if (status.phase == SourcePhase::kPaused) return LiveState::kPaused;
-  if (!isRecording) {
-    return status.epoch == 0 ? LiveState::kConnecting : LiveState::kTrackingOnly;
-  }
-  if (status.resyncing) return LiveState::kResyncing;
-  if (status.spooledDatasets > 0) return LiveState::kSpooling;
-  return status.phase == SourcePhase::kOnline ? LiveState::kReplicating : LiveState::kConnecting;
+  const auto rules = LiveRules();
+  return std::ranges::find_if(rules,
+                              [&](const LiveRule& rule) { return rule.holds(status, isRecording); })
+      ->state;
 }
 
 // What capture added to a guest's writes.

@@ -7,6 +7,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -29,6 +30,14 @@ enum class LiveState : std::uint8_t {
   kStopped,  // for good, until it is started again: see the failure
 };
 const char* Text(LiveState state);
+// The states and when a source is in each: the first rule that holds tells it. ARCHITECTURE.md has
+// the same table.
+struct LiveRule {
+  const char* when;
+  bool (*holds)(const SourceStatus& status, bool isRecording);
+  LiveState state;
+};
+std::span<const LiveRule> LiveRules();
 LiveState StateOf(const SourceStatus& status, bool isRecording);
 
 // What a source says of itself, as JSON: see docs/operations.md.

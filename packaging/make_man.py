@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes the manual page penstock.1 from the program's own help, so that the two never differ.
+"""Makes the manual pages from the program's and the plugin's own help, so that they never differ.
 
 usage: make_man.py PENSTOCK VERSION > penstock.1
+       make_man.py --plugin NBDKIT PLUGIN VERSION > nbdkit-penstock-plugin.1
 """
 import re
 import subprocess
@@ -63,8 +64,36 @@ def exit_codes(lines):
     return re.findall(r"(\d) (.*?)(?:, (?=\d )|\.?$)", line)
 
 
-def main():
-    program, version = sys.argv[1:3]
+def plugin_keys(lines):
+    """Of the help: "KEY=VALUE   what it means"."""
+    found = [re.match(r"(\S+=\S*(?: \| \S+)*) {2,}(\S.*)$", line) for line in lines]
+    return [match.groups() for match in found if match]
+
+
+def plugin(nbdkit, path, version):
+    lines = subprocess.run([nbdkit, path, "--help"], check=True, capture_output=True,
+                           text=True).stdout.splitlines()
+    about = lines[next(i for i, l in enumerate(lines) if l.startswith("plugin: penstock")) :]
+    keys = plugin_keys(about)
+    example = ("nbdkit penstock group=shop to=backup:7000 state=/var/lib/penstock-shop "
+               "tls-certs=/etc/penstock/tls db=/dev/vg/db")
+    text = [("Each volume is an export. What is written to it is answered when the volume has it, and "
+             "gets to the target in order, as with penstock serve, which runs this plugin."),
+            ("Everything that serves NBD is nbdkit's: sockets, TLS of its clients, filters, its log. "
+             "It ends when its clients have gone."),
+            "penstock status, point, check, pause, resume and limit-rate work with its state=DIR."]
+    out = [f'.TH NBDKIT-PENSTOCK-PLUGIN 1 "" "penstock {version}" "User Commands"', ".SH NAME",
+           "nbdkit\\-penstock\\-plugin \\- serve volumes, and keep a second copy of them elsewhere",
+           ".SH SYNOPSIS", ".B nbdkit penstock", "[\\fIKEY\\fR=\\fIVALUE\\fR] ...",
+           ".SH DESCRIPTION", quote(about[2] + ".")]
+    for paragraph in text:
+        out += [".PP", quote(paragraph)]
+    out += [".SH KEYS", *terms(keys), ".SH EXAMPLE", ".B " + quote(example),
+            ".SH SEE ALSO", ".BR penstock (1),", ".BR nbdkit (1)"]
+    print("\n".join(out))
+
+
+def manual(program, version):
     top = help_of(program)
     commands = section(top, "Subcommands")
     out = [f'.TH PENSTOCK 1 "" "penstock {version}" "User Commands"', ".SH NAME",
@@ -84,8 +113,15 @@ def main():
     files = [("DST.penstock", "the state of replicate, unless told otherwise"),
              ("STATE/state.db, STATE/journal, STATE/quarantine",
               "a target's state; datasets not yet in the volumes; journal files that were damaged")]
-    out += [".SH FILES", *terms(files, ".I")]
+    out += [".SH FILES", *terms(files, ".I"), ".SH SEE ALSO", ".BR nbdkit\\-penstock\\-plugin (1)"]
     print("\n".join(out))
+
+
+def main():
+    if sys.argv[1] == "--plugin":
+        plugin(*sys.argv[2:5])
+    else:
+        manual(*sys.argv[1:3])
 
 
 if __name__ == "__main__":

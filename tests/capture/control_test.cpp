@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -63,6 +64,23 @@ TEST_F(LiveStatus, ShowsWhatItAddsToAGuestsWrites) {
 }
 
 // --- One word. ---
+
+// The table in ARCHITECTURE.md, between its heading and the next empty line.
+TEST(LiveStates, AreTheOnesOfTheArchitecturesTable) {
+  std::ifstream file(PENSTOCK_SOURCE_DIR "/ARCHITECTURE.md");
+  std::vector<std::string> rows;
+  bool isTable = false;
+  for (std::string line; std::getline(file, line);) {
+    if (isTable && !line.starts_with("|")) break;
+    if (isTable) rows.push_back(line);
+    isTable = isTable || line == "| When | State |";
+  }
+  std::vector<std::string> expected = {"|---|---|"};
+  for (const LiveRule& rule : LiveRules()) {
+    expected.push_back(std::string("| ") + rule.when + " | " + Text(rule.state) + " |");
+  }
+  EXPECT_EQ(rows, expected);
+}
 
 TEST(LiveStates, ASourceThatRecordsIsToldByItsWorstTrouble) {
   SourceStatus status = StatusIn(SourcePhase::kOnline);

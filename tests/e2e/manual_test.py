@@ -127,6 +127,25 @@ class Manual(Rig):
                                     "keygen"])
         self.assertGreater(options, 50)
 
+    def test_the_plugins_page_has_every_key(self):
+        about = ["group=NAME            (required) of the group", "x | y",
+                 "tls-certs=DIR | tls-psk=FILE | plaintext=true   (required) as of 'sync'",
+                 "metrics=ADDR:PORT     serve \\fBmetrics there", "log-format=text       text"]
+        help_text = "\n".join(["nbdkit --help", "", "plugin: penstock (penstock live capture)",
+                               "(plugin.so)", "Serves 'volumes'", *about])
+        nbdkit = self.path("nbdkit")
+        self.write("nbdkit", f"#!{sys.executable}\nprint({help_text!r})\n".encode())
+        os.chmod(nbdkit, 0o755)
+        done = subprocess.run([sys.executable, "-B", MAKE_MAN, "--plugin", nbdkit, "plugin.so",
+                               "1.2.3"], text=True, capture_output=True, check=False, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        sections = self.entries(self.format(done.stdout))
+        self.assertIn("Serves 'volumes'.", sections["DESCRIPTION"])
+        keys = plain("\n".join(sections["KEYS"]))
+        for line in about[:1] + about[2:]:
+            self.assertIn(plain(line), keys)
+        self.assertNotIn("x | y", keys)
+
     def test_the_page_has_every_exit_code(self):
         lines = self.entries(self.format(self.make(PROGRAM)))["EXIT STATUS"]
         codes = dict(re.fullmatch(r"(\d) +(.+)", line).groups() for line in lines)

@@ -47,6 +47,10 @@ if [[ -x $work/moved/bin/penstock ]]; then
     [[ -s $work/moved/share/penstock/monitoring/$name ]] || fail "$name is not installed"
   done
   echo "ok: what monitoring needs is installed"
+  if [[ -n $(find "$work/moved" -name nbdkit-penstock-plugin.so) ]]; then
+    page=$work/moved/share/man/man1/nbdkit-penstock-plugin.1
+    [[ -s $page ]] || ! command -v nbdkit >/dev/null || fail "the plugin's manual page is missing"
+  fi
 fi
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
