@@ -14,7 +14,7 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kAnySize = ~std::uint64_t{0};
+constexpr std::uint64_t kPackAnySize = ~std::uint64_t{0};
 
 CompressSpec Spec(const std::string& text) { return CompressSpec::Parse(text).value(); }
 
@@ -33,8 +33,8 @@ std::string CodecOf(const BlockPtr& block) {
 ByteString Unpacked(const BlockPtr& block, std::vector<Extent>* extents = nullptr) {
   std::vector<Extent> own;
   const auto why = [](BlockFault fault) { return Copy(Chars(std::string("BAD: ") + Text(fault))); };
-  BlockFault fault =
-      CheckBlock(*block, RecordBytes(*block).size(), kAnySize, extents != nullptr ? *extents : own);
+  BlockFault fault = CheckBlock(*block, RecordBytes(*block).size(), kPackAnySize,
+                                extents != nullptr ? *extents : own);
   if (fault != BlockFault::kNone) return why(fault);
   ByteString space;
   Bytes raw;
@@ -275,9 +275,9 @@ TEST(RawBlock, IsWhatPackingMakes) {
 TEST(RawBlock, IsNotGoodBeforeItIsSealed) {
   const BlockPtr block = BeginRawBlock(0, {0, 100});
   std::vector<Extent> extents;
-  EXPECT_EQ(CheckBlock(*block, 132, kAnySize, extents), BlockFault::kHash);
+  EXPECT_EQ(CheckBlock(*block, 132, kPackAnySize, extents), BlockFault::kHash);
   SealRawBlock(*block);
-  EXPECT_EQ(CheckBlock(*block, 132, kAnySize, extents), BlockFault::kNone);
+  EXPECT_EQ(CheckBlock(*block, 132, kPackAnySize, extents), BlockFault::kNone);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kSeed = 11400714785074694797U;  // of the published answers
+constexpr std::uint64_t kHashSeed = 11400714785074694797U;  // of the published answers
 
 // The input of XXH3's published answers.
 ByteString PublishedInput(std::size_t size) {
@@ -51,13 +51,13 @@ TEST(Hash64, GivesThePublishedAnswers) {
   for (const Answer& answer : kAnswers) {
     const ByteString input = PublishedInput(answer.size);
     EXPECT_EQ(Hash64(input), answer.unseeded) << answer.size << " bytes";
-    EXPECT_EQ(Hash64(input, kSeed), answer.seeded) << answer.size << " bytes, seeded";
+    EXPECT_EQ(Hash64(input, kHashSeed), answer.seeded) << answer.size << " bytes, seeded";
   }
 }
 
 TEST(Hash64, OfNoBytesNeedsNoAddress) {
   EXPECT_EQ(Hash64(Bytes{}), 0x2D06800538D394C2U);
-  EXPECT_EQ(Hash64(Bytes{}, kSeed), 0xA8A6B918B2F0364AU);
+  EXPECT_EQ(Hash64(Bytes{}, kHashSeed), 0xA8A6B918B2F0364AU);
 }
 
 TEST(Hash64, ByTheWidestInstructionsEqualsThePortableForm) {
@@ -74,7 +74,7 @@ TEST(Hash64, ByTheWidestInstructionsEqualsThePortableForm) {
 
 TEST(Hash64Stream, OfNothingIsTheHashOfNothing) {
   EXPECT_EQ(Hash64Stream().Value(), 0x2D06800538D394C2U);
-  EXPECT_EQ(Hash64Stream(kSeed).Value(), 0xA8A6B918B2F0364AU);
+  EXPECT_EQ(Hash64Stream(kHashSeed).Value(), 0xA8A6B918B2F0364AU);
 }
 
 TEST(Hash64Stream, EqualsTheHashOfTheWholeHoweverItIsDivided) {

@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr std::uint64_t kMax64 = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kRecordMax64 = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint32_t kMax32 = std::numeric_limits<std::uint32_t>::max();
 
 // The bytes 00 01 02 ... 0f.
@@ -59,8 +59,8 @@ TEST(HashCombine, MixesTheValueIntoTheSeed) {
   std::uint64_t seed = 0;
   hash_combine(seed, 1);
   EXPECT_EQ(seed, 0x9e3779b97f4a7c16U);
-  hash_combine(seed, kMax64);
-  EXPECT_EQ(seed, Mixed(0x9e3779b97f4a7c16U, kMax64));
+  hash_combine(seed, kRecordMax64);
+  EXPECT_EQ(seed, Mixed(0x9e3779b97f4a7c16U, kRecordMax64));
 }
 
 TEST(VolumeHash, HasItsPinnedValues) {
@@ -73,7 +73,7 @@ TEST(BufferHash, HasItsPinnedValues) {
   EXPECT_EQ(BufInfoHash{}(InternalData{}), 0xc9f587457163df78U);
   EXPECT_EQ(BufInfoHash{}(InternalData{RisingVolume(), 4096, 512, nullptr, 0}),
             0x7a02db9b1f68e550U);
-  EXPECT_EQ(BufInfoHash{}(Buf(1, kMax64, kMax32)), 0xccf58a09b1632eaaU);
+  EXPECT_EQ(BufInfoHash{}(Buf(1, kRecordMax64, kMax32)), 0xccf58a09b1632eaaU);
 }
 
 TEST(RangeHash, HasItsPinnedValues) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kDatasetMax = std::numeric_limits<std::uint64_t>::max();
 
 static_assert(!std::is_copy_constructible_v<Dataset> && !std::is_copy_assignable_v<Dataset>);
 static_assert(std::has_virtual_destructor_v<Dataset>);
@@ -64,7 +64,7 @@ TEST_F(NormalConstructor, WritesOneRecordUnderItsEstablishedName) {
 }
 
 TEST_F(NormalConstructor, WritesTheLargestNumberWhole) {
-  const Dataset ds(kMax, false, 0, 0);
+  const Dataset ds(kDatasetMax, false, 0, 0);
   EXPECT_EQ(Log(), (Lines{"I Dataset() N: 18446744073709551615 m_hasBuffers: 0"}));
 }
 
@@ -80,7 +80,7 @@ TEST_F(NormalConstructor, KeepsItsArguments) {
 }
 
 TEST_F(ResyncConstructor, WritesTheRangesOfItsArgumentInOrder) {
-  const Dataset ds(7, {{Volume(1), 4096, 8192}, {Volume(2), 0xabcdef, kMax}}, 100);
+  const Dataset ds(7, {{Volume(1), 4096, 8192}, {Volume(2), 0xabcdef, kDatasetMax}}, 100);
   EXPECT_EQ(Log(),
             (Lines{"I Dataset::Dataset() N: 7 ["
                    "v: 00000000-0000-0000-0000-000000000001 o: 0x1000 l: 8192, "
@@ -265,14 +265,14 @@ TEST_F(DatasetTimestamp, IsFixedForSmallAndLargeValues) {
   m_ds->SetDsTimestamp(0);
   m_ds->SetDsTimestamp(1);
   m_ds->SetDsTimestamp(1700000000123);
-  m_ds->SetDsTimestamp(kMax);
+  m_ds->SetDsTimestamp(kDatasetMax);
   EXPECT_EQ(Log(),
             (Lines{"I Dataset::SetDsTimestamp() DS: setting Ds timestamp 0.000000 secs",
                    "I Dataset::SetDsTimestamp() DS: setting Ds timestamp 0.001000 secs",
                    "I Dataset::SetDsTimestamp() DS: setting Ds timestamp 1700000000.123000 secs",
                    "I Dataset::SetDsTimestamp() DS: setting Ds timestamp "
                    "18446744073709552.000000 secs"}));
-  EXPECT_EQ(m_ds->GetDsTimestamp(), kMax);
+  EXPECT_EQ(m_ds->GetDsTimestamp(), kDatasetMax);
 }
 
 TEST_F(DatasetTimestamp, ComesFromTheClockWithoutAnArgument) {

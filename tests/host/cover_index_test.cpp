@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr std::uint64_t kMax64 = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kCoverMax64 = std::numeric_limits<std::uint64_t>::max();
 
 // What a coalescer promises, by looking at every buffer each time.
 class PlainModel {
@@ -53,7 +53,7 @@ class PlainModel {
  private:
   static std::uint64_t End(const InternalData& buf) {
     const std::uint64_t end = buf.offset + buf.length;
-    return end < buf.offset ? kMax64 : end;
+    return end < buf.offset ? kCoverMax64 : end;
   }
 
   std::vector<InternalData> m_buffers;
@@ -80,10 +80,10 @@ class RandomRanges {
 
   InternalData Range() {
     switch (m_pattern) {
-      case 0: return Buf(1, Below(64), LengthBelow(16));             // dense, also empty
-      case 1: return Buf(1, Below(1'000'000), LengthBelow(20'000));  // sparse
-      case 2: return Buf(1, kMax64 - Below(64), LengthBelow(80));    // at the end of all numbers
-      case 3: return Buf(1, Below(3), LengthBelow(1'000));           // starts alike
+      case 0: return Buf(1, Below(64), LengthBelow(16));                // dense, also empty
+      case 1: return Buf(1, Below(1'000'000), LengthBelow(20'000));     // sparse
+      case 2: return Buf(1, kCoverMax64 - Below(64), LengthBelow(80));  // at the end of all numbers
+      case 3: return Buf(1, Below(3), LengthBelow(1'000));              // starts alike
       case 4: return EndingAlike();
       case 5: return Buf(1, 4096 * Below(100), 4096);  // rewritten blocks
       case 6: return Stair(m_arrivals);                // rising overlaps, sometimes all covered

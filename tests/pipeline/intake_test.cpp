@@ -15,7 +15,7 @@
 namespace {
 
 constexpr auto kNotAccepting = static_cast<DS_ERROR>(-15);
-constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kNoIntake = std::numeric_limits<std::uint64_t>::max();
 
 using Number = std::pair<bool, std::uint64_t>;
 
@@ -32,8 +32,8 @@ TEST_F(Intake, AFreshPipelineIsEmptyAndAccepts) {
   EXPECT_EQ(m_pipeline.m_lastReceived, 0U);
   EXPECT_EQ(m_pipeline.m_xmitEnumerator, nullptr);
   EXPECT_EQ(m_pipeline.m_serializers.size(), 0U);
-  EXPECT_EQ(m_pipeline.GetCurRecvDsNum(), Number(false, kNone));
-  EXPECT_EQ(m_pipeline.GetCurXmitDsNum(), Number(false, kNone));
+  EXPECT_EQ(m_pipeline.GetCurRecvDsNum(), Number(false, kNoIntake));
+  EXPECT_EQ(m_pipeline.GetCurXmitDsNum(), Number(false, kNoIntake));
   EXPECT_EQ(Take(), "");
 }
 
@@ -113,8 +113,8 @@ TEST_F(PushDs, RefusesTheSameNumberTwiceAndAcceptsAGap) {
 }
 
 TEST_F(PushDs, AcceptsTheHighestNumber) {
-  EXPECT_EQ(Push(kNone), DS_ERROR_OK);
-  EXPECT_EQ(Push(kNone), DS_ERROR_DS_TOO_OLD);
+  EXPECT_EQ(Push(kNoIntake), DS_ERROR_OK);
+  EXPECT_EQ(Push(kNoIntake), DS_ERROR_DS_TOO_OLD);
 }
 
 TEST_F(PushDs, ARefusingPipelineNeverSaysTooOld) {

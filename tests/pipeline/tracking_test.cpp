@@ -13,7 +13,7 @@
 namespace {
 
 class Done : public PipelineRig {};
-class Marks : public PipelineRig {};
+class TrackingMarks : public PipelineRig {};
 class Flushed : public PipelineRig {
  protected:
   // Flush records 1 to `last`, each with success.
@@ -143,7 +143,7 @@ TEST_F(Done, AnsweredTwiceForTwoRecordsOfOneNumber) {
                 rec::Reported(1, false, true, false));
 }
 
-TEST_F(Marks, ADatasetToBeStoredIsReportedOnceItIsStored) {
+TEST_F(TrackingMarks, ADatasetToBeStoredIsReportedOnceItIsStored) {
   Push(1, true);
   EXPECT_EQ(TraceOf([&] { EXPECT_EQ(m_pipeline.Done(1, true, false), DS_ERROR_OK); }),
             rec::Done(1, true, false) + rec::Found(1, 1, false, false));
@@ -153,7 +153,7 @@ TEST_F(Marks, ADatasetToBeStoredIsReportedOnceItIsStored) {
   EXPECT_EQ(Queues(), "recv 1 xmit done flush 1y");
 }
 
-TEST_F(Marks, ADatasetThatCouldNotBeStoredIsReportedJustTheSame) {
+TEST_F(TrackingMarks, ADatasetThatCouldNotBeStoredIsReportedJustTheSame) {
   Push(1, true);
   m_pipeline.Done(1, true, false);
   EXPECT_EQ(TraceOf([&] { EXPECT_EQ(m_pipeline.MarkError(1), DS_ERROR_OK); }),
@@ -161,7 +161,7 @@ TEST_F(Marks, ADatasetThatCouldNotBeStoredIsReportedJustTheSame) {
                 rec::Found(1, 1, true, false) + rec::Reported(1, false, true, false));
 }
 
-TEST_F(Marks, BeforeDoneOnlySetTheirFlag) {
+TEST_F(TrackingMarks, BeforeDoneOnlySetTheirFlag) {
   Push(1, true);
   EXPECT_EQ(TraceOf([&] { EXPECT_EQ(m_pipeline.MarkStored(1), DS_ERROR_OK); }), rec::MarkStored(1));
   EXPECT_EQ(Queues(), "recv 1 xmit done 1s flush");
@@ -172,7 +172,7 @@ TEST_F(Marks, BeforeDoneOnlySetTheirFlag) {
                 rec::Reported(1, false, false, true));
 }
 
-TEST_F(Marks, RepeatTheRecordsOwnOutcome) {
+TEST_F(TrackingMarks, RepeatTheRecordsOwnOutcome) {
   Push(1, true);
   m_pipeline.Done(1, false, true);
   EXPECT_EQ(TraceOf([&] { m_pipeline.MarkStored(1); }),
@@ -180,7 +180,7 @@ TEST_F(Marks, RepeatTheRecordsOwnOutcome) {
                 rec::Found(1, 1, false, true) + rec::Reported(1, false, false, true));
 }
 
-TEST_F(Marks, BehindAnOlderRecordReportNothing) {
+TEST_F(TrackingMarks, BehindAnOlderRecordReportNothing) {
   Push(1, true);
   Push(2, true);
   m_pipeline.Done(2, true, false);
@@ -194,7 +194,7 @@ TEST_F(Marks, BehindAnOlderRecordReportNothing) {
                 rec::Reported(2, false, true, false));
 }
 
-TEST_F(Marks, OfAnUnknownNumberAreRefused) {
+TEST_F(TrackingMarks, OfAnUnknownNumberAreRefused) {
   EXPECT_EQ(TraceOf([&] { EXPECT_EQ(m_pipeline.MarkStored(1), DS_ERROR_NO_DATASET); }),
             rec::MarkStored(1));
   EXPECT_EQ(TraceOf([&] { EXPECT_EQ(m_pipeline.MarkError(1), DS_ERROR_NO_DATASET); }),

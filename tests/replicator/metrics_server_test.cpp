@@ -260,7 +260,7 @@ TEST_F(Metrics, AHeadThatIsTooLongIsRefused) {
     EXPECT_EQ(StatusOf(begin + std::string(limit - 100, 'x') + "\r\n\r\n"), "HTTP/1.1 200 OK");
     EXPECT_EQ(StatusOf(begin + std::string(limit, 'x') + "\r\n\r\n"), tooLong);
     // One that doesn't end.
-    EXPECT_EQ(StatusOf(begin + std::string(3 * limit, 'x')), tooLong);
+    EXPECT_EQ(StatusOf(begin + std::string(std::size_t{3} * limit, 'x')), tooLong);
     ExpectServed();
   }
 }

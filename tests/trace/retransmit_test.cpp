@@ -13,7 +13,7 @@
 
 namespace {
 
-const InternalData kBuf = Buf(1, 0, 4096);
+const InternalData kRetransmitBuf = Buf(1, 0, 4096);
 
 class RetransmitInTheMiddle : public PipelineRig {
  protected:
@@ -21,7 +21,7 @@ class RetransmitInTheMiddle : public PipelineRig {
   void SetUp() override {
     for (const std::uint64_t n : Numbers{1, 2, 3, 4}) {
       Push(n);
-      Write(kBuf);
+      Write(kRetransmitBuf);
     }
     m_pipeline.Ack(1, nullptr);
     m_pipeline.Done(1, true, false);
@@ -38,7 +38,7 @@ TEST_F(RetransmitInTheMiddle, OffersTheUnacknowledgedAndThenGoesOnAsBefore) {
   m_pipeline.Retransmit(false);
   EXPECT_EQ(Take(), rec::DonePipe("0:3..4") + Offered());
   m_pipeline.BumpDs();
-  EXPECT_EQ(Take(), rec::Bump(4) + rec::Closing(4, {kBuf}) + rec::MoreOffers(3, 1, 2) +
+  EXPECT_EQ(Take(), rec::Bump(4) + rec::Closing(4, {kRetransmitBuf}) + rec::MoreOffers(3, 1, 2) +
                         rec::Pushing(4) + rec::Sealed(3, 1) + rec::Calling(4, 3) +
                         rec::Transmit(4) + rec::FirstOffers(4, 2, 3) + rec::Transmit(4));
   for (const std::uint64_t n : Numbers{2, 3, 4}) EXPECT_EQ(m_pipeline.Ack(n, nullptr), DS_ERROR_OK);

@@ -15,7 +15,7 @@
 
 namespace {
 
-const InternalData kBuf = Buf(1, 0, 4096);
+const InternalData kThrowingBuf = Buf(1, 0, 4096);
 
 class Failure : public std::runtime_error {
  public:
@@ -39,11 +39,11 @@ class ThrowingHost : public PipelineRig {
 
 TEST_F(ThrowingHost, ATransmitterThatThrowsAtAnEntryLeavesTheNewDatasetWithoutADoneRecord) {
   Push(1);
-  Write(kBuf);
+  Write(kThrowingBuf);
   ThrowInTransmitterCall(1);
-  EXPECT_EQ(TraceUntilFailure([&] { Push(2); }), rec::Constructed(2) + rec::PushDs(2, 1) +
-                                                     rec::Closing(1, {kBuf}) + rec::Pushing(1) +
-                                                     rec::Calling(1, 3) + rec::Transmit(1));
+  EXPECT_EQ(TraceUntilFailure([&] { Push(2); }),
+            rec::Constructed(2) + rec::PushDs(2, 1) + rec::Closing(1, {kThrowingBuf}) +
+                rec::Pushing(1) + rec::Calling(1, 3) + rec::Transmit(1));
   EXPECT_EQ(Queues(), "recv 2 xmit 1 done 1s flush");
   EXPECT_EQ(m_pipeline.m_lastReceived, 2U);
   EXPECT_EQ(m_pipeline.GetDs(1)->GetCompressedDataNum(), 1U);
@@ -61,11 +61,11 @@ TEST_F(ThrowingHost, ATransmitterThatThrowsAtAnEntryLeavesTheNewDatasetWithoutAD
 
 TEST_F(ThrowingHost, ATransmitterThatThrowsAtAnOfferHasBeenOfferedThatUnit) {
   Push(1);
-  Write(kBuf);
+  Write(kThrowingBuf);
   ThrowInTransmitterCall(2);
   EXPECT_EQ(TraceUntilFailure([&] { Push(2); }),
-            rec::Constructed(2) + rec::PushDs(2, 1) + rec::Closing(1, {kBuf}) + rec::Pushing(1) +
-                rec::Calling(1, 3) + rec::Transmit(1) + rec::Newest(2, 2) +
+            rec::Constructed(2) + rec::PushDs(2, 1) + rec::Closing(1, {kThrowingBuf}) +
+                rec::Pushing(1) + rec::Calling(1, 3) + rec::Transmit(1) + rec::Newest(2, 2) +
                 rec::FirstOffers(1, 2, 1) + rec::Transmit(1));
   EXPECT_EQ(Queues(), "recv 2 xmit 1 done 1s flush");
   m_pipeline.AddToDonePipe(m_pipeline.GetDs(2), true);
@@ -198,7 +198,7 @@ class ThrowingSend : public ThrowingHost {
           if (m_fails) throw Failure();
         });
     m_pipeline.PushDs(m_resync, false);
-    Write(kBuf);
+    Write(kThrowingBuf);
     m_resync->IncTotal4KBlocks();
     m_resync->SendFingerprint4Match(26);
   }
