@@ -26,6 +26,12 @@ constexpr std::uint64_t kKeptPart = 4;
 constexpr std::uint64_t kMinSlab = 64U << 10U;
 constexpr std::uint64_t kMaxSlab = 4U << 20U;
 
+// A guest is never held up for longer than this by a backlog that grows faster than it leaves: for
+// each part of a write that was begun, and altogether.
+constexpr std::chrono::milliseconds kDelay{5};
+constexpr std::uint64_t kDelayPart = 128U << 10U;
+constexpr std::chrono::milliseconds kLongestDelay{40};
+
 // Shorter than this is not waited for: a timer is not that exact.
 constexpr std::chrono::microseconds kLeastDelay{50};
 
@@ -214,20 +220,23 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
   return fault.empty() ? 0 : ErrnoOf(fault);
 }
 
-// Beyond three quarters of the memory each write waits a little, so that a backlog that can be
-// carried off in time need not be given up. It is never held up for longer than half of what it
-// took anyway: a guest that writes faster than the backlog can leave goes on at two thirds of its
-// speed at least, and the backlog is given up.
-void LiveSource::Delay(Clock::time_point begin) const {
+// Beyond three quarters of the memory each write waits, the longer the less is left, so that a
+// guest is slowed down to what the link and the spool take, and the backlog need not be given up:
+// for as long as it took when half of the last quarter is used, nine times that at nine tenths of
+// it. It is bounded: what can't be carried off even so is given up.
+void LiveSource::Delay(Clock::time_point begin, std::uint64_t bytes) const {
   const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
   const std::uint64_t part = m_options.memory / 4;
   if (used <= 3 * part) return;
-  const std::uint64_t share = std::min(used - 3 * part, part);
   // Of this thread: what was too short to be waited for.
   thread_local std::chrono::nanoseconds owed{0};
-  const auto took = Clock::now() - begin;
-  owed +=
-      took / 2 * static_cast<std::int64_t>(share * 1024 / std::max<std::uint64_t>(part, 1)) / 1024;
+  const auto parts = static_cast<std::int64_t>(1 + bytes / kDelayPart);
+  const std::chrono::milliseconds longest = std::min(kDelay * parts, kLongestDelay);
+  const std::uint64_t share = std::min(used - 3 * part, part - 1);
+  const auto wanted = static_cast<double>((Clock::now() - begin).count()) *
+                      static_cast<double>(share) / static_cast<double>(part - share);
+  owed = std::min<std::chrono::nanoseconds>(
+      owed + std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(wanted, 1e9))), longest);
   if (owed < kLeastDelay) return;
   std::this_thread::sleep_for(owed);
   owed = std::chrono::nanoseconds{0};
@@ -251,6 +260,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, Clock::
   const std::uint64_t size = volume.file->Size();
   if (write.offset > size || write.length > size - write.offset) return EINVAL;
   write.volume = number;
+  const std::uint64_t bytes = write.data ? write.length : 0;
   std::string fault;
   Clock::duration own{0};  // the volume's
   bool isFull = false;
@@ -275,7 +285,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, Clock::
       m_runner->With([](SourceEngine& engine, const Moment& now) { engine.CloseDataset(now); });
     });
   }
-  Delay(begin);
+  Delay(begin, bytes);
   m_latency.Add(Clock::now() - begin - own);
   if (fault.empty() && sync) return Flush(index);
   if (!fault.empty()) Log(Severity::kError, fault);

@@ -86,7 +86,7 @@ class LiveSource {
   int Carry(std::size_t index, CapturedWrite write, bool sync, Clock::time_point begin,
             const Change& change);
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
-  void Delay(Clock::time_point begin) const;
+  void Delay(Clock::time_point begin, std::uint64_t bytes) const;
   std::string ServeMetrics();
   void Changed();
   void TryStop();

@@ -19,6 +19,14 @@ NBDKIT = os.environ.get("PENSTOCK_NBDKIT", "nbdkit")
 PLUGIN = os.environ.get("PENSTOCK_PLUGIN")
 
 
+def has_thread_sanitizer():
+    """Whether nbdkit is started by a wrapper that loads the runtime before it."""
+    if not os.path.isabs(NBDKIT):
+        return False
+    with open(NBDKIT, "rb") as file:
+        return b"libtsan" in file.read(4096)
+
+
 def wait_for(condition, what, limit=LIMIT):
     end = time.monotonic() + limit
     while not condition():

@@ -11,7 +11,7 @@ import os
 import re
 import signal
 
-from guest import Served, wait_for
+from guest import Served, has_thread_sanitizer, wait_for
 from rig import BLOCK, MIB, Rig, main
 from scrape import scrape
 
@@ -108,9 +108,15 @@ class SourceMetrics(Rig):
         self.image("w.img", MIB)
         second = Served(self.folder, address, {"w": self.path("w.img")}, "--metrics", metrics,
                         state="second")
-        self.assertNotEqual(second._process.wait(60), 0)
-        self.assertIn(f"can't serve metrics on {metrics}: Address already in use", second.said())
-        second.end()
+        complaint = f"can't serve metrics on {metrics}: Address already in use"
+        wait_for(lambda: complaint in second.said(), "the complaint")
+        if has_thread_sanitizer():
+            # With its runtime a library of TLS's waits for the C library's own lock in exit().
+            print("not looked at with ThreadSanitizer: the exit code")
+            second.end(signal.SIGKILL)
+        else:
+            self.assertNotEqual(second._process.wait(60), 0)
+            second.end()
         self.refused(2, "metrics: no port", "serve", "--to", address, "--group", "g", "--state",
                      self.path("third"), "--plaintext", "--metrics", "9101",
                      f"w={self.path('w.img')}")
