@@ -19,12 +19,12 @@ NBDKIT = os.environ.get("PENSTOCK_NBDKIT", "nbdkit")
 PLUGIN = os.environ.get("PENSTOCK_PLUGIN")
 
 
-def has_thread_sanitizer():
-    """Whether nbdkit is started by a wrapper that loads the runtime before it."""
+def has_sanitizer():
+    """Whether nbdkit is started by a wrapper that loads a sanitizer's runtime before it."""
     if not os.path.isabs(NBDKIT):
         return False
     with open(NBDKIT, "rb") as file:
-        return b"libtsan" in file.read(4096)
+        return b"LD_PRELOAD" in file.read(4096)
 
 
 def wait_for(condition, what, limit=LIMIT):

@@ -11,7 +11,7 @@ import os
 import re
 import signal
 
-from guest import Served, has_thread_sanitizer, wait_for
+from guest import Served, has_sanitizer, wait_for
 from rig import BLOCK, MIB, Rig, main
 from scrape import scrape
 
@@ -110,9 +110,10 @@ class SourceMetrics(Rig):
                         state="second")
         complaint = f"can't serve metrics on {metrics}: Address already in use"
         wait_for(lambda: complaint in second.said(), "the complaint")
-        if has_thread_sanitizer():
-            # With its runtime a library of TLS's waits for the C library's own lock in exit().
-            print("not looked at with ThreadSanitizer: the exit code")
+        if has_sanitizer():
+            # With a runtime before it nbdkit, also with its own plugins, finds the C library's lock
+            # of locales broken when it ends by a fault, and waits for it without end.
+            print("not looked at with a sanitizer: the exit code")
             second.end(signal.SIGKILL)
         else:
             self.assertNotEqual(second._process.wait(60), 0)
