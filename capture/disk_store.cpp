@@ -19,14 +19,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kMostStateBytes = 1U << 20U;
+constexpr std::size_t kMostStateBytes = 1U << 20U;  // kMaxPoints with their names are far less
 
 std::string StatePath(const std::string& directory) { return directory + "/source.json"; }
 
 // One of an earlier version has none.
 bool ReadNames(const nlohmann::json& object, std::vector<PointRecord>& names) {
   if (!object.contains("points")) return true;
-  if (!object["points"].is_array()) return false;
+  if (!object["points"].is_array() || object["points"].size() > kMaxPoints) return false;
   for (const auto& each : object["points"]) {
     const auto isNumber = [&](const char* name) {
       return each.contains(name) && each[name].is_number_unsigned();

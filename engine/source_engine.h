@@ -306,7 +306,7 @@ class SourceEngine {
   bool m_newestClosed = true;
   Digest m_ackedChain{};                         // of m_status.durable
   std::map<std::uint64_t, Digest> m_chains;      // acknowledged, not flushed
-  std::map<std::uint64_t, PointRecord> m_names;  // of points that are not acknowledged
+  std::map<std::uint64_t, PointRecord> m_names;  // not acknowledged; at most kMaxPoints
   std::uint64_t m_inFlight = 0;                  // bytes of blocks sent, not acknowledged
   std::uint64_t m_normalBytes = 0;               // held by normal datasets
   std::map<std::uint64_t, std::uint64_t> m_normalHeld;

@@ -94,6 +94,7 @@ std::uint64_t SourceEngine::CloseDataset(const Moment& now, bool consistent,
   if (consistent || !name.empty()) m_newest->SetApplConsistentSnapshot();
   if (!name.empty()) {
     m_names[m_last] = {m_last, m_newest->GetDsTimestamp(), name};
+    if (m_names.size() > kMaxPoints) m_names.erase(m_names.begin());  // the target would, too
     KeepPointNames();
   }
   const std::uint64_t n = m_last;

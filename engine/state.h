@@ -38,7 +38,7 @@ struct PointRecord {
   std::string name;
   friend bool operator==(const PointRecord&, const PointRecord&) = default;
 };
-inline constexpr std::size_t kMaxPoints = 100;  // of a group that are kept: the newest
+inline constexpr std::size_t kMaxPoints = 100;  // of a group that either side keeps: the newest
 
 // Only ever grow. Counted per group.
 struct Counters {

@@ -74,6 +74,20 @@ TEST_F(SourceStates, AnotherGroupsIsRefused) {
                         " belongs to group other; give each group a state directory of its own");
 }
 
+// As a source writes it whose link is down for long: the longest names, all characters in quotes.
+TEST_F(SourceStates, AsManyPointsAsAreKeptAreRead) {
+  SourceState state{1, 2, 3, {}};
+  for (std::uint64_t n = 1; n <= kMaxPoints; ++n) {
+    state.names.push_back({n, ~std::uint64_t{0}, std::string(kMaxPointNameBytes, '"')});
+  }
+  ASSERT_EQ(WriteSourceState(m_folder.Path(), "g", state), "");
+  ASSERT_EQ(Read(), "");
+  EXPECT_EQ(m_state.names, state.names);
+  state.names.push_back({kMaxPoints + 1, 0, "one more"});
+  ASSERT_EQ(WriteSourceState(m_folder.Path(), "g", state), "");
+  EXPECT_THAT(Read(), HasSubstr("is damaged"));
+}
+
 TEST_F(SourceStates, ADamagedOneIsRefusedWithWhatToDo) {
   ASSERT_EQ(WriteSourceState(m_folder.Path(), "g", {1, 2, 3}), "");
   const std::string path = m_folder / "source.json";

@@ -106,6 +106,21 @@ TEST_F(SourceNames, OfAnotherDatasetOfTheSameNumberIsNotTaken) {
   EXPECT_EQ(Loaded(), "START 1, END 1");
 }
 
+// While the link is down for long: what is remembered does not grow without end.
+TEST_F(SourceNames, TheNewestAreKept) {
+  m_config.liveMemory = kMiB;
+  Open();
+  Online();
+  Away();
+  for (std::uint64_t n = 1; n <= kMaxPoints + 2; ++n) {
+    ASSERT_EQ(m_engine->CloseDataset(m_now, false, "p" + Number(n)), n);
+  }
+  EXPECT_EQ(m_engine->m_names.size(), kMaxPoints);
+  EXPECT_EQ(m_engine->m_names.begin()->second.name, "p3");
+  m_sent = Work();
+  EXPECT_TRUE(Remembered().starts_with("3 p3, 4 p4"));
+}
+
 TEST_F(SourceNames, IsGivenUpWithTheBacklog) {
   AloneWith(3);
   Point("eve");
