@@ -25,6 +25,8 @@ class PayloadPool {
   // `bytes` (at least 1) with whatever was in them. What is larger than a quarter of a slab is
   // allocated alone, so that no more than that is lost at a slab's end.
   std::shared_ptr<std::uint8_t[]> Take(std::size_t bytes);
+  // Releases the slabs that nobody needed since the last call.
+  void Trim() { m_slabs.Trim(); }
 
  private:
   SlabPool m_slabs;

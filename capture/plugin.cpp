@@ -19,6 +19,7 @@
 #include "capture/plugin_config.h"
 #include "penstock/version.h"
 #include "replicator/files.h"
+#include "replicator/keep_memory.h"
 #include "replicator/log.h"
 
 #define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
@@ -67,6 +68,7 @@ int Config(const char* key, const char* value) {
 int ConfigComplete() {
   penstock::LiveOptions options;
   auto fault = g_config.Finish(options);
+  penstock::KeepFreedMemory(options.memory / 4);
   if (fault.empty()) fault = LiveSource::Open(std::move(options), g_source);
   return fault.empty() ? 0 : Refuse(fault);
 }

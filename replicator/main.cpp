@@ -1,25 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <malloc.h>
-
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <exception>
 
 #include "penstock/version.h"
 #include "replicator/cmd.h"
+#include "replicator/keep_memory.h"
 #include "replicator/options.h"
 
 namespace {
-
-// Blocks of a megabyte come and go all the time. By default each of them would be mapped and
-// unmapped, page by page; so they stay in the process's heap, and are used again.
-void KeepMemory() {
-  constexpr int kMapAbove = 32 << 20;  // the most that the C library takes
-  constexpr int kGiveBackAbove = 256 << 20;
-  ::mallopt(M_MMAP_THRESHOLD, kMapAbove);
-  ::mallopt(M_TRIM_THRESHOLD, kGiveBackAbove);
-  ::mallopt(M_TOP_PAD, 16 << 20);
-}
 
 int Main(int argc, char** argv) {
   CLI::App program{
@@ -55,7 +44,7 @@ int Main(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
-  KeepMemory();
+  penstock::KeepFreedMemory(256U << 20U);
   try {
     return Main(argc, argv);
   } catch (const std::exception& error) {

@@ -22,6 +22,9 @@ class SlabPool {
   std::shared_ptr<std::uint8_t[]> Take();
   std::size_t Bytes() const;  // of a piece
   std::size_t Kept() const;   // pieces that wait
+  // Releases what nobody has taken since the last call. Called from time to time, it has an idle
+  // pool become empty, while a busy one keeps all that it needs.
+  void Trim();
 
  private:
   struct Impl;

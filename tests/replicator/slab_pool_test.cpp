@@ -48,6 +48,37 @@ TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
   EXPECT_EQ(pool.Kept(), 2U);
 }
 
+TEST(SlabPool, WhatNobodyNeedsIsReleased) {
+  SlabPool pool(kPieceBytes, 8);
+  std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
+  pieces.reserve(5);
+  for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
+  pieces.clear();
+  pool.Trim();  // all of them were in use since the pool was made
+  EXPECT_EQ(pool.Kept(), 5U);
+  for (int i = 0; i < 2; ++i) pieces.push_back(pool.Take());
+  pieces.clear();
+  pool.Trim();
+  EXPECT_EQ(pool.Kept(), 2U);
+  pool.Trim();
+  EXPECT_EQ(pool.Kept(), 0U);
+}
+
+// As large as a page of the largest kind, and a multiple of it.
+TEST(SlabPool, LargePiecesAreWholeAndApart) {
+  constexpr std::size_t kLarge = 4U << 20U;
+  SlabPool pool(kLarge, 1);
+  auto first = pool.Take();
+  auto second = pool.Take();
+  std::memset(first.get(), 1, kLarge);
+  std::memset(second.get(), 2, kLarge);
+  EXPECT_EQ(first[0] + first[kLarge - 1], 2);
+  first.reset();
+  EXPECT_EQ(second[0] + second[kLarge - 1], 4);
+  second.reset();
+  EXPECT_EQ(pool.Kept(), 1U);
+}
+
 TEST(SlabPool, APieceMayOutliveItsPool) {
   std::optional<SlabPool> pool(std::in_place, kPieceBytes, 2U);
   auto piece = pool->Take();
