@@ -45,19 +45,47 @@ std::size_t CompressZstd(Bytes data, int level, std::span<std::uint8_t> out) {
   return ZSTD_isError(size) != 0 ? 0 : size;
 }
 
+std::size_t TotalSize(std::span<const Piece> pieces) {
+  std::size_t size = 0;
+  for (const Piece& piece : pieces) size += piece.data.size();
+  return size;
+}
+
+// out.size() bytes of the pieces' data, from `skip` on.
+void CopyPart(std::span<const Piece> pieces, std::size_t skip, std::span<std::uint8_t> out) {
+  for (const Piece& piece : pieces) {
+    if (skip >= piece.data.size()) {
+      skip -= piece.data.size();
+      continue;
+    }
+    const Bytes part =
+        piece.data.subspan(skip).first(std::min(out.size(), piece.data.size() - skip));
+    std::copy(part.begin(), part.end(), out.begin());
+    out = out.subspan(part.size());
+    if (out.empty()) return;
+    skip = 0;
+  }
+}
+
 // Whether samples of the beginning, the middle and the end shrink together. lz4 is asked for zstd,
 // too: what it can't shrink at all rarely pays for the slower codec.
-bool ProbeShrinks(Bytes data) {
+bool ProbeShrinks(std::span<const Piece> pieces, std::size_t size) {
   constexpr std::size_t kSample = 4096;
   constexpr std::size_t kSamples = 3;
-  if (data.size() <= kSamples * kSample) return true;  // as cheap to try
+  if (size <= kSamples * kSample) return true;  // as cheap to try
+  std::array<std::uint8_t, kSample> sample;
   std::array<std::uint8_t, LZ4_COMPRESSBOUND(kSample)> out;
   std::size_t compressed = 0;
   for (std::size_t i = 0; i < kSamples; ++i) {
-    const std::size_t at = (data.size() - kSample) * i / (kSamples - 1);
-    compressed += CompressLz4(data.subspan(at, kSample), out);
+    CopyPart(pieces, (size - kSample) * i / (kSamples - 1), sample);
+    compressed += CompressLz4(sample, out);
   }
   return compressed <= WorthIt(kSamples * kSample);
+}
+
+bool IsWorthTrying(std::span<const Piece> pieces, std::size_t size, const CompressSpec& spec) {
+  if (spec.codec != Codec::kLz4 && spec.codec != Codec::kZstd) return false;
+  return !spec.automatic || ProbeShrinks(pieces, size);
 }
 
 // Makes a record with its extents in front of `dataBytes` bytes of data, which are left to the
@@ -90,12 +118,6 @@ std::uint8_t* Data(OM_DP::CompressedData& block) {
   return OM_DP::Body(block) + std::size_t{block.extentCount} * kExtentBytes;
 }
 
-std::size_t TotalSize(std::span<const Piece> pieces) {
-  std::size_t size = 0;
-  for (const Piece& piece : pieces) size += piece.data.size();
-  return size;
-}
-
 void CopyPieces(std::span<const Piece> pieces, std::uint8_t* to) {
   for (const Piece& piece : pieces) to = std::copy(piece.data.begin(), piece.data.end(), to);
 }
@@ -111,8 +133,6 @@ Bytes Gather(std::span<const Piece> pieces, std::size_t size) {
 
 // Returns the compressed bytes in this thread's buffer, or nothing when it is not worth it.
 Bytes Compress(Bytes data, const CompressSpec& spec) {
-  if (spec.codec != Codec::kLz4 && spec.codec != Codec::kZstd) return {};
-  if (spec.automatic && !ProbeShrinks(data)) return {};
   constexpr std::size_t kWorstCase =
       std::max<std::size_t>(LZ4_COMPRESSBOUND(kMaxBlockBytes), ZSTD_COMPRESSBOUND(kMaxBlockBytes));
   thread_local std::vector<std::uint8_t> buffer(kWorstCase);
@@ -142,13 +162,14 @@ BlockPtr PackBlock(std::uint8_t volumeIndex, std::span<const Piece> pieces,
   };
 
   BlockPtr block;
+  const std::size_t size = TotalSize(pieces);
   if (std::all_of(pieces.begin(), pieces.end(), [](const Piece& p) { return IsZero(p.data); })) {
     block = make(Codec::kZero, 0);
-  } else if (spec.codec == Codec::kRaw) {
-    block = make(Codec::kRaw, TotalSize(pieces));
+  } else if (!IsWorthTrying(pieces, size, spec)) {
+    block = make(Codec::kRaw, size);
     CopyPieces(pieces, Data(*block));
   } else {
-    const Bytes raw = Gather(pieces, TotalSize(pieces));
+    const Bytes raw = Gather(pieces, size);
     const Bytes compressed = Compress(raw, spec);
     const Bytes data = compressed.empty() ? raw : compressed;
     block = make(compressed.empty() ? Codec::kRaw : spec.codec, data.size());
