@@ -212,7 +212,6 @@ class Spooling(Penstock):
 
     name = "penstock, link down, spooling"
     state = "spooling"
-    more = ("--memory", "64M", "--max-dataset", "16M")
 
 
 class Tracking(Penstock):

@@ -82,8 +82,8 @@ static json LatencyJson(const LatencyCounts& held) {
 }
 
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
-                           const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits, const LiveTimes& times) {
+                           const Capture& capture, const LiveLimits& limits,
+                           const LiveTimes& times) {
   const LiveState state = StateOf(status, capture.IsRecording());
   json out = {{"group", group},
               {"state", Text(state)},
@@ -96,7 +96,7 @@ std::string LiveStatusText(const std::string& group, const SourceStatus& status,
               {"flushed", status.flushed},
               {"lagDatasets", status.closed - std::min(status.closed, status.flushed)},
               {"lagSeconds", static_cast<double>(times.lagMs) / 1000},
-              {"memoryBytes", memoryUsed + capture.BytesHeld()},
+              {"memoryBytes", capture.MemoryUsed()},
               {"memoryLimit", limits.memory},
               {"spoolBytes", status.spooledBytes},
               {"spoolLimit", limits.spool},
@@ -266,13 +266,11 @@ LiveTimes Control::Times() const {
 }
 
 std::string Control::Status() const {
-  return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture,
-                        m_runner.Engine().MemoryUsed(), m_limits, Times());
+  return LiveStatusText(m_group, m_runner.Engine().Status(), m_capture, m_limits, Times());
 }
 
 std::string Control::Metrics() const {
-  return SourceMetrics(m_group, m_runner.Engine().Status(), m_capture,
-                       m_runner.Engine().MemoryUsed(), m_limits, Times());
+  return SourceMetrics(m_group, m_runner.Engine().Status(), m_capture, m_limits, Times());
 }
 
 std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consistent,

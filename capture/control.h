@@ -52,8 +52,8 @@ struct LiveTimes {
   LatencyCounts heldLately = {};
 };
 std::string LiveStatusText(const std::string& group, const SourceStatus& status,
-                           const Capture& capture, std::uint64_t memoryUsed,
-                           const LiveLimits& limits, const LiveTimes& times);
+                           const Capture& capture, const LiveLimits& limits,
+                           const LiveTimes& times);
 
 // How far the target is behind, in time: since when something that was closed is not flushed there,
 // or nothing could be closed for it.

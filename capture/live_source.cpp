@@ -20,9 +20,12 @@ namespace penstock {
 
 namespace {
 
-// Of the memory: slabs that payloads share, and what is kept of those that nobody uses.
+// Of the memory: slabs that payloads share. All of them are kept while they are needed now and
+// then, for memory that the kernel has to make ready again and again costs a guest's write more
+// than its copy does.
 constexpr std::uint64_t kSlabPart = 64;
-constexpr std::uint64_t kKeptPart = 4;
+constexpr std::uint64_t kResyncParts = 16;  // what one dataset of a comparison takes; four of them
+constexpr std::uint64_t kTrimMs = 10'000;
 constexpr std::uint64_t kMinSlab = 64U << 10U;
 constexpr std::uint64_t kMaxSlab = 4U << 20U;
 
@@ -46,7 +49,7 @@ int ErrnoOf(const std::string& fault) {
 // and a quarter of one that they don't. For the calling thread alone; where the system refuses, it
 // is as before.
 void GiveWay() {
-  constexpr int kNice = 5;
+  static const int kNice = getenv("PN") ? atoi(getenv("PN")) : 5;
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
 }
 
@@ -86,9 +89,15 @@ std::string LiveSource::Open(LiveOptions options, std::unique_ptr<LiveSource>& o
 }
 
 std::string LiveSource::OpenVolumes(const SourceState& state) {
+  // A quarter is for comparisons, the rest for writes.
+  m_config.resyncBytes =
+      std::clamp<std::uint64_t>(m_options.memory / kResyncParts / kWindowBytes, 1, 16) *
+      kWindowBytes;
+  m_config.memory = 4 * m_config.resyncBytes;
+  m_writeMemory = m_options.memory - m_config.memory;
   CaptureOptions capture;
   capture.datasetBytes = m_options.datasetBytes;
-  capture.memory = m_options.memory;
+  capture.memory = m_writeMemory;
   const std::string maps = m_options.stateDirectory + "/maps/";
   for (const auto& [name, path] : m_options.volumes) {
     auto volume = std::make_unique<LiveVolume>();
@@ -110,7 +119,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   m_capture = std::make_unique<Capture>(capture);
   m_payloads = std::make_unique<PayloadPool>(
       std::clamp<std::uint64_t>(m_options.memory / kSlabPart, kMinSlab, kMaxSlab),
-      m_options.memory / kKeptPart);
+      m_options.memory);
   for (std::size_t i = 0; i < m_volumes.size(); ++i) {
     auto fault = m_volumes[i]->map->Load(*m_capture, static_cast<std::uint8_t>(i));
     if (!fault.empty()) return fault;
@@ -124,7 +133,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   m_config.epoch = state.epoch;
   m_config.flushed = state.flushed;
   m_config.names = state.names;
-  m_config.liveMemory = m_options.memory;
+  m_config.liveMemory = m_writeMemory;
   m_config.spoolBytes = m_options.spoolBytes;
   m_config.interval = m_options.intervalMs;
   return m_store->Prepare(m_config.spooled);
@@ -149,7 +158,10 @@ std::string LiveSource::Start() {
                                         LiveLimits{m_options.memory, m_options.spoolBytes});
   if (auto fault = m_control->Open(m_options.stateDirectory); !fault.empty()) return fault;
   if (auto fault = ServeMetrics(); !fault.empty()) return fault;
-  m_loop->Post([this] { m_runner->Start([this] { Changed(); }); });
+  m_loop->Post([this] {
+    m_runner->Start([this] { Changed(); });
+    TrimPayloads();
+  });
   m_thread = std::thread([this] {
     GiveWay();
     m_loop->Run();
@@ -165,8 +177,12 @@ std::string LiveSource::ServeMetrics() {
   return fault;
 }
 
+void LiveSource::TrimPayloads() {
+  m_payloads->Trim();
+  m_loop->After(kTrimMs, [this] { TrimPayloads(); });
+}
+
 void LiveSource::Changed() {
-  m_engineBytes.store(m_runner->Engine().MemoryUsed(), std::memory_order_relaxed);
   m_control->Changed();
   TryStop();
 }
@@ -174,8 +190,7 @@ void LiveSource::Changed() {
 void LiveSource::TryStop() {
   if (!m_stopping || m_stopped) return;
   const SourceStatus& status = m_runner->Engine().Status();
-  const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->BytesHeld() == 0 &&
-                         m_runner->Engine().MemoryUsed() == 0;
+  const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->MemoryUsed() == 0;
   if (!status.isFinished && !isSpooled && status.phase != SourcePhase::kStopped &&
       m_loop->NowMs() < m_stopBy) {
     return;
@@ -220,14 +235,15 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
   return fault.empty() ? 0 : ErrnoOf(fault);
 }
 
-// Beyond three quarters of the memory each write waits, the longer the less is left, so that a
-// guest is slowed down to what the link and the spool take, and the backlog need not be given up:
-// for as long as it took when half of the last quarter is used, nine times that at nine tenths of
-// it. It is bounded: what can't be carried off even so is given up.
+// Beyond three quarters of the memory for writes each write waits, the longer the less is left, so
+// that a guest is slowed down to what the link and the spool take, and the backlog need not be
+// given up: for as long as it took when half of the last quarter is used, nine times that at nine
+// tenths of it. It is bounded: what can't be carried off even so is given up. Where nothing takes
+// anything it is no use.
 void LiveSource::Delay(Clock::time_point begin, std::uint64_t bytes) const {
-  const std::uint64_t used = m_engineBytes.load(std::memory_order_relaxed) + m_capture->BytesHeld();
-  const std::uint64_t part = m_options.memory / 4;
-  if (used <= 3 * part) return;
+  const std::uint64_t used = m_capture->BytesHeld();
+  const std::uint64_t part = m_writeMemory / 4;
+  if (used <= 3 * part || !m_capture->Drains()) return;
   // Of this thread: what was too short to be waited for.
   thread_local std::chrono::nanoseconds owed{0};
   const auto parts = static_cast<std::int64_t>(1 + bytes / kDelayPart);

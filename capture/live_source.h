@@ -88,6 +88,7 @@ class LiveSource {
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
   void Delay(Clock::time_point begin, std::uint64_t bytes) const;
   std::string ServeMetrics();
+  void TrimPayloads();
   void Changed();
   void TryStop();
 
@@ -99,6 +100,7 @@ class LiveSource {
   GuestLatency m_latency;
   std::shared_ptr<DiskStore> m_store;
   SourceConfig m_config;
+  std::uint64_t m_writeMemory = 0;  // of the memory, the part that is not for comparisons
   // Of the thread.
   std::unique_ptr<EventLoop> m_loop;
   std::unique_ptr<SourceRunner> m_runner;
@@ -108,7 +110,6 @@ class LiveSource {
   bool m_stopping = false;
   bool m_stopped = false;
   std::uint64_t m_stopBy = 0;
-  std::atomic<std::uint64_t> m_engineBytes{0};  // held by the engine
 };
 
 }  // namespace penstock

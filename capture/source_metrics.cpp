@@ -71,9 +71,9 @@ class GroupWriter {
 };
 
 void AddWaiting(GroupWriter& out, const SourceStatus& status, const Capture& capture,
-                std::uint64_t memoryUsed, const LiveLimits& limits) {
+                const LiveLimits& limits) {
   out.Gauge("penstock_source_memory_bytes", "Bytes in memory of what is not at the target yet.",
-            memoryUsed + capture.BytesHeld());
+            capture.MemoryUsed());
   out.Gauge("penstock_source_memory_limit_bytes", "Bytes that it may take.", limits.memory);
   out.Gauge("penstock_source_spool_bytes", "Bytes in the spool.", status.spooledBytes);
   out.Gauge("penstock_source_spool_limit_bytes", "Bytes that it may take; 0: there is no spool.",
@@ -116,8 +116,8 @@ void AddCounters(GroupWriter& out, const SourceStatus& status, const Capture& ca
 }  // namespace
 
 std::string SourceMetrics(const std::string& group, const SourceStatus& status,
-                          const Capture& capture, std::uint64_t memoryUsed,
-                          const LiveLimits& limits, const LiveTimes& times) {
+                          const Capture& capture, const LiveLimits& limits,
+                          const LiveTimes& times) {
   MetricsText text;
   AddBuildInfo(text, "source");
   GroupWriter out(text, group);
@@ -133,7 +133,7 @@ std::string SourceMetrics(const std::string& group, const SourceStatus& status,
               "How long something that the target has not flushed is waiting.", times.lagMs);
   out.Gauge("penstock_source_lag_datasets", "Datasets that are closed and not flushed.",
             status.closed - std::min(status.closed, status.flushed));
-  AddWaiting(out, status, capture, memoryUsed, limits);
+  AddWaiting(out, status, capture, limits);
   AddCounters(out, status, capture);
   out.Latency("penstock_source_guest_held_seconds",
               "How long guests' writes were held up, beside the volume's own time.", times.held);

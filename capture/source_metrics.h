@@ -14,8 +14,7 @@ namespace penstock {
 // What a source in live use says of itself, as LiveStatusText does, for monitoring: in Prometheus'
 // text format. docs/operations.md has every name.
 std::string SourceMetrics(const std::string& group, const SourceStatus& status,
-                          const Capture& capture, std::uint64_t memoryUsed,
-                          const LiveLimits& limits, const LiveTimes& times);
+                          const Capture& capture, const LiveLimits& limits, const LiveTimes& times);
 
 }  // namespace penstock
 

@@ -8,13 +8,6 @@
 
 namespace penstock {
 
-namespace {
-
-// What a captured write takes beside its data.
-constexpr std::uint64_t kOverhead = sizeof(CapturedWrite) + 32;
-
-}  // namespace
-
 Capture::Capture(const CaptureOptions& options) : m_options(options), m_pending{m_open} {
   m_maps.reserve(options.volumes.size());
   for (const CaptureVolume& volume : options.volumes) {
@@ -51,13 +44,12 @@ bool Capture::Captured(CapturedWrite write) {
     return false;
   }
   map.End(write.offset, write.length, m_open);
-  m_held += (write.data ? write.length : 0) + kOverhead;
+  m_held += (write.data ? write.length : 0) + kWriteOverhead;
   m_writes.push_back(std::move(write));
   if (Planted(Fault::kCaptureOrder) && m_writes.size() > 1) {
     std::swap(m_writes.back(), m_writes[m_writes.size() - 2]);
   }
-  if (m_held > m_options.memory + m_options.datasetBytes) {
-    // Nobody has taken anything for long.
+  if (BytesHeld() > m_options.memory + m_options.datasetBytes) {
     LoseLocked();
     return true;
   }
@@ -97,7 +89,13 @@ void Capture::Saved(std::uint8_t volume, std::uint64_t generation) {
 
 // --- For people. ---
 
-std::uint64_t Capture::BytesHeld() const { return m_held.load(std::memory_order_relaxed); }
+std::uint64_t Capture::BytesHeld() const {
+  return m_held.load(std::memory_order_relaxed) + m_carried.load(std::memory_order_relaxed);
+}
+
+std::uint64_t Capture::MemoryUsed() const {
+  return BytesHeld() + m_comparing.load(std::memory_order_relaxed);
+}
 
 std::uint64_t Capture::Writes() const {
   const std::lock_guard lock(m_mutex);
@@ -161,14 +159,22 @@ bool Capture::HasWrites() const {
   return !m_writes.empty();
 }
 
-std::vector<CapturedWrite> Capture::TakeWrites(std::uint64_t n) {
+void Capture::TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) {
+  out.clear();  // its memory is used again for the next ones
   const std::lock_guard lock(m_mutex);
+  m_carried += m_held;  // until the engine says what it made of them
   m_held = 0;
   m_closeWanted = false;
   m_placeOf.emplace(n, m_open);
   m_open = ++m_lastPlace;
   m_pending.insert(m_open);
-  return std::exchange(m_writes, {});
+  out.swap(m_writes);
+}
+
+void Capture::Carried(std::uint64_t writes, std::uint64_t comparisons, bool drains) {
+  m_carried.store(writes, std::memory_order_relaxed);
+  m_comparing.store(comparisons, std::memory_order_relaxed);
+  m_drains.store(drains, std::memory_order_relaxed);
 }
 
 void Capture::OpenPlace() {

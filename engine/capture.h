@@ -26,7 +26,9 @@ struct CaptureOptions {
   std::uint64_t extentBytes = ChangeMap::kDefaultExtentBytes;
   std::size_t hotExtents = 4096;            // of each volume
   std::uint64_t datasetBytes = 64U << 20U;  // a dataset is closed when it holds so much
-  std::uint64_t memory = 256U << 20U;       // what is captured and not taken is given up beyond it
+  // For writes, those that the engine has taken included: with a dataset more than that everything
+  // is given up.
+  std::uint64_t memory = 256U << 20U;
 };
 
 // Takes the writes of running volumes, in the order in which the volumes got them, and keeps the
@@ -75,7 +77,10 @@ class Capture : public SourceFeed {
 
   // --- For people. ---
 
-  std::uint64_t BytesHeld() const;  // takes no lock
+  // These take no lock.
+  std::uint64_t BytesHeld() const;   // of writes, the engine's included
+  std::uint64_t MemoryUsed() const;  // comparisons included
+  bool Drains() const { return m_drains.load(std::memory_order_relaxed); }  // see Carried
   std::uint64_t Writes() const;
   std::uint64_t BytesWritten() const;
   std::uint64_t Marks() const;  // saves that a write had to wait for
@@ -87,8 +92,9 @@ class Capture : public SourceFeed {
   void Lose() override;
   bool IsRecording() const override;
   bool HasWrites() const override;
-  std::vector<CapturedWrite> TakeWrites(std::uint64_t n) override;
+  void TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) override;
   std::uint64_t StaleBytes(std::uint8_t volume) const override;
+  void Carried(std::uint64_t writes, std::uint64_t comparisons, bool drains) override;
   std::vector<ChangeMap::Range> TakeStale(std::uint8_t volume, std::uint64_t n,
                                           std::uint64_t most) override;
   void Flushed(std::uint64_t n) override;
@@ -110,7 +116,10 @@ class Capture : public SourceFeed {
   std::vector<ChangeMap> m_maps;
   bool m_recording = false;
   std::vector<CapturedWrite> m_writes;
-  std::atomic<std::uint64_t> m_held{0};  // changed under the lock
+  std::atomic<std::uint64_t> m_held{0};     // changed under the lock
+  std::atomic<std::uint64_t> m_carried{0};  // by the engine
+  std::atomic<std::uint64_t> m_comparing{0};
+  std::atomic<bool> m_drains{false};
   bool m_closeWanted = false;
   Place m_open = 1;  // of what is being captured
   Place m_lastPlace = 1;

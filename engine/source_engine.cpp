@@ -443,6 +443,11 @@ void SourceEngine::TakeReport(FrameType type, const Frame& frame, const Moment& 
 // --- Whatever has become possible. ---
 
 void SourceEngine::Settle(const Moment& now) {
+  TakeSteps(now);
+  if (m_config.feed != nullptr) m_config.feed->Carried(m_normalBytes, m_reserved, DrainsBacklog());
+}
+
+void SourceEngine::TakeSteps(const Moment& now) {
   if (m_status.phase == SourcePhase::kStopped || m_status.phase == SourcePhase::kIdle) return;
   StepClose(now);
   StepSpool(now);

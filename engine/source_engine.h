@@ -189,6 +189,7 @@ class SourceEngine {
 
  private:
   using Cursor = SourceCursor;
+  using Cursors = std::map<std::uint64_t, Cursor>;
   using Window = SourceWindow;
   using Ranges = std::vector<ChangeMap::Range>;
   struct ResyncPart {
@@ -217,6 +218,7 @@ class SourceEngine {
   Progress ProgressNow() const;
   void SendProgress(const Moment& now);
   void Settle(const Moment& now);  // after every event: whatever has become possible
+  void TakeSteps(const Moment& now);
 
   // source_pipe.cpp: datasets on their way.
   void PushNormal(const Moment& now);
@@ -263,6 +265,8 @@ class SourceEngine {
   void PushCaptured(const Moment& now);
   void StepClose(const Moment& now);
   void StepSpool(const Moment& now);
+  bool DrainsBacklog() const;
+  Cursors::const_iterator FirstUnspooled() const;
   void SpoolOne(std::uint64_t n, Cursor& cursor);
   void StoredInSpool(std::uint64_t n, Cursor& cursor);
   bool LoadFromSpool(Cursor& cursor);
@@ -299,10 +303,11 @@ class SourceEngine {
 
   // The pipeline and what is known of its datasets.
   std::unique_ptr<Pipeline> m_pipe;
-  std::map<std::uint64_t, Cursor> m_cursors;  // transmitted, not acknowledged
-  std::uint64_t m_base = 0;                   // numbers up to here are of earlier epochs
-  std::uint64_t m_last = 0;                   // the newest pushed
+  Cursors m_cursors;         // transmitted, not acknowledged
+  std::uint64_t m_base = 0;  // numbers up to here are of earlier epochs
+  std::uint64_t m_last = 0;  // the newest pushed
   std::shared_ptr<Dataset> m_newest;
+  std::vector<CapturedWrite> m_taken;  // while they are pushed; otherwise its memory alone is used
   bool m_newestClosed = true;
   Digest m_ackedChain{};                         // of m_status.durable
   std::map<std::uint64_t, Digest> m_chains;      // acknowledged, not flushed

@@ -18,6 +18,8 @@ struct CapturedWrite {
   std::uint32_t length = 0;                    // bytes, at least 1
   std::shared_ptr<const std::uint8_t[]> data;  // null: zeros
 };
+// What a write takes beside its data, at most: its places in the dataset, its unit, the change map.
+inline constexpr std::uint64_t kWriteOverhead = 256;
 
 // Where a SourceEngine gets the writes of running volumes from, and who remembers across a crash
 // what the target may not have. A source without one makes datasets of what it is given by
@@ -37,8 +39,12 @@ class SourceFeed {
   virtual bool IsRecording() const = 0;
 
   virtual bool HasWrites() const = 0;
-  // What was kept since the last call, in order. It goes into dataset n.
-  virtual std::vector<CapturedWrite> TakeWrites(std::uint64_t n) = 0;
+  // Makes `out` what was kept since the last call, in order. It goes into dataset n.
+  virtual void TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) = 0;
+
+  // Bytes that the engine holds in memory now: of writes, and for comparisons. `drains`: the writes
+  // get less by themselves, the link takes them, or the spool.
+  virtual void Carried(std::uint64_t writes, std::uint64_t comparisons, bool drains) = 0;
 
   // What of a volume has to be compared, and the part of it that dataset n, a resync, takes: see
   // ChangeMap.

@@ -24,14 +24,16 @@ void SourceEngine::PushCaptured(const Moment& now) {
   SourceFeed* const feed = m_config.feed;
   if (feed == nullptr || !feed->HasWrites()) return;
   if (!HasOpenNormal()) PushNormal(now);
-  for (const CapturedWrite& write : feed->TakeWrites(m_last)) {
+  feed->TakeWrites(m_last, m_taken);
+  for (const CapturedWrite& write : m_taken) {
     const WriteResult result = PushWrite(write, now);
     if (result == WriteResult::kOk) continue;
     if (result == WriteResult::kOutside) {
       GiveUp(ErrorCode::kFailed, "a write that is not within its volume was captured");
     }
-    return;
+    break;
   }
+  m_taken.clear();
 }
 
 // Closes by the clock.
@@ -129,12 +131,10 @@ void SourceEngine::StepSpool(const Moment& now) {
   const bool isLeaving = m_finishing && m_status.phase != SourcePhase::kOnline;
   const std::uint64_t most = isLeaving ? 0 : m_config.liveMemory / 2;
   if (m_normalBytes <= most || m_spoolJob != 0 || m_spoolDropping) return;
-  const auto next = std::find_if(m_cursors.begin(), m_cursors.end(), [](const auto& entry) {
-    return entry.second.spool < SpoolStage::kStored;
-  });
+  const auto next = FirstUnspooled();
   // A resync dataset can't be kept; what follows it has to wait.
   if (next == m_cursors.end() || next->second.ds->IsFingerprinted()) return;
-  Cursor& cursor = next->second;
+  Cursor& cursor = m_cursors.at(next->first);
   if (!TakeUnits(cursor)) return;
   std::uint64_t bytes = 0;
   for (const BlockPtr& block : cursor.blocks) {
@@ -145,6 +145,19 @@ void SourceEngine::StepSpool(const Moment& now) {
     return Overflow("its spool is full", now);
   }
   SpoolOne(next->first, cursor);
+}
+
+// What does not get less holds nobody up: it is given up when memory is full.
+bool SourceEngine::DrainsBacklog() const {
+  if (m_status.phase == SourcePhase::kOnline) return true;
+  if (m_config.spoolBytes == 0 || m_status.phase == SourcePhase::kStopped) return false;
+  const auto next = FirstUnspooled();
+  return next == m_cursors.end() || !next->second.ds->IsFingerprinted();
+}
+
+SourceEngine::Cursors::const_iterator SourceEngine::FirstUnspooled() const {
+  return std::find_if(m_cursors.begin(), m_cursors.end(),
+                      [](const auto& entry) { return entry.second.spool < SpoolStage::kStored; });
 }
 
 void SourceEngine::SpoolOne(std::uint64_t n, Cursor& cursor) {

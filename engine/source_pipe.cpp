@@ -8,13 +8,6 @@
 
 namespace penstock {
 
-namespace {
-
-// What a write takes beside its data, at most: its places in the dataset, its unit, the change map.
-constexpr std::uint64_t kWriteOverhead = 256;
-
-}  // namespace
-
 // --- Writes and points. ---
 
 bool SourceEngine::HasOpenNormal() const {

@@ -62,7 +62,11 @@ class LiveFailure : public testing::Test {
     ::setrlimit(RLIMIT_FSIZE, &m_before);
     return error;
   }
-  std::vector<CapturedWrite> Taken() { return m_source->m_capture->TakeWrites(1); }
+  std::vector<CapturedWrite> Taken() {
+    std::vector<CapturedWrite> taken;
+    m_source->m_capture->TakeWrites(1, taken);
+    return taken;
+  }
   std::uint64_t Stale() const { return m_source->m_capture->TotalStale(); }
 
   TempFolder m_folder;

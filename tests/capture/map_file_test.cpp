@@ -321,7 +321,8 @@ TEST_F(MapOnDisk, WhatTheTargetHasIsClearedOnDiskToo) {
   m_capture->Begin({});
   ASSERT_TRUE(m_map->EnsureSaved(Begin(5)));
   m_capture->Captured({0, 5 * kMapExtent, kMapExtent, nullptr});
-  m_capture->TakeWrites(1);
+  std::vector<CapturedWrite> taken;
+  m_capture->TakeWrites(1, taken);
   m_capture->Flushed(1);
   m_capture->Cool();
   m_capture->BeginClear();

@@ -23,7 +23,7 @@ class LiveMetrics : public testing::Test {
   // Values by name, and the labels behind the group.
   std::map<std::string, std::string> Samples() const {
     std::map<std::string, std::string> samples;
-    std::istringstream lines(SourceMetrics("shop", m_status, m_capture, 5, {100, 200}, m_times));
+    std::istringstream lines(SourceMetrics("shop", m_status, m_capture, {100, 200}, m_times));
     const std::string prefix = "penstock_source_";
     const std::string group = "{group=\"shop\"";
     for (std::string line; std::getline(lines, line);) {
@@ -80,7 +80,7 @@ TEST_F(LiveMetrics, EveryNumberIsUnderItsName) {
       {"point,stage=\"flushed\"}", "6"},
       {"lag_seconds}", "1.5"},
       {"lag_datasets}", "4"},
-      {"memory_bytes}", std::to_string(5 + m_capture.BytesHeld())},
+      {"memory_bytes}", std::to_string(m_capture.MemoryUsed())},
       {"memory_limit_bytes}", "100"},
       {"spool_bytes}", "11"},
       {"spool_limit_bytes}", "200"},

@@ -83,6 +83,31 @@ TEST_F(SourceSpool, AComparisonIsNotSpooledAndWhatFollowsWaits) {
   EXPECT_EQ(Asked(), "spool 2");
 }
 
+// A guest is not slowed down for the sake of what goes nowhere.
+TEST_F(SourceSpool, ItIsKnownWhetherTheBacklogGetsLess) {
+  m_capture->LoadNothing(0);
+  EXPECT_FALSE(m_capture->Drains());
+  Online();
+  Fill(1);
+  EXPECT_TRUE(m_capture->Drains()) << "the link takes it";
+  Away();
+  EXPECT_FALSE(m_capture->Drains()) << "the comparison can't be kept";
+  BackOnline();
+  EXPECT_TRUE(m_capture->Drains());
+  Work();
+  Ack(1);
+  Away();
+  EXPECT_TRUE(m_capture->Drains()) << "the spool takes it";
+}
+
+TEST_F(SourceSpool, WithoutASpoolAndALinkTheBacklogStays) {
+  m_config.spoolBytes = 0;
+  Online();
+  EXPECT_TRUE(m_capture->Drains());
+  Away();
+  EXPECT_FALSE(m_capture->Drains());
+}
+
 TEST_F(SourceSpool, APausedSourceGoesOnSpooling) {
   Online();
   m_engine->Pause(m_now);

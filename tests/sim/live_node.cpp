@@ -206,11 +206,10 @@ void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
   m_node.m_closed = m_node.m_engine->m_last;
 }
 
-std::vector<CapturedWrite> LiveNode::Watched::TakeWrites(std::uint64_t n) {
-  auto writes = Capture::TakeWrites(n);
-  for (const CapturedWrite& write : writes) m_node.Apply(m_node.m_taken, write);
+void LiveNode::Watched::TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) {
+  Capture::TakeWrites(n, out);
+  for (const CapturedWrite& write : out) m_node.Apply(m_node.m_taken, write);
   SIM_CHECK(m_node.m_taken == m_node.m_live, "I9: what was captured is not what was written");
-  return writes;
 }
 
 // --- The guest. ---
@@ -346,7 +345,7 @@ void LiveNode::Observe() {
 void LiveNode::CheckLimits() {
   const std::uint64_t dataset = m_engine->m_config.datasetBytes + 16'384;
   SIM_CHECK(m_engine->m_reserved <= 5 * m_options.resyncBytes, "I7: more memory than configured");
-  SIM_CHECK(m_engine->m_normalBytes <= m_options.memory + 2 * dataset,
+  SIM_CHECK(m_capture->BytesHeld() <= m_options.memory + dataset,
             "I7: more memory for writes than configured");
   SIM_CHECK(m_engine->Status().spooledBytes <= m_options.spool + dataset,
             "I7: a larger spool than configured");

@@ -66,7 +66,7 @@ class LiveNode {
    public:
     Watched(LiveNode& node, const CaptureOptions& options) : Capture(options), m_node(node) {}
     void Begin(const std::vector<bool>& whole) override;
-    std::vector<CapturedWrite> TakeWrites(std::uint64_t n) override;
+    void TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) override;
 
    private:
     LiveNode& m_node;
