@@ -297,11 +297,14 @@ std::string Control::ClosePoint(Peer& peer, const std::string& wait, bool consis
   return json{{"point", n}}.dump();
 }
 
+// Within a comparison the target is at no point of the source, whatever number it has reached.
 bool Control::IsReached(const Peer& peer) const {
+  if (peer.wait.empty()) return true;
   const SourceStatus& status = m_runner.Engine().Status();
-  if (peer.wait == "durable") return status.durable >= peer.point;
-  if (peer.wait == "applied") return status.applied >= peer.point;
-  return peer.wait.empty() || status.flushed >= peer.point;
+  const std::uint64_t least = std::max(peer.point, status.syncedAt);
+  if (status.resyncing) return false;
+  if (peer.wait == "durable") return status.durable >= least;
+  return (peer.wait == "applied" ? status.applied : status.flushed) >= least;
 }
 
 void Control::Changed() {

@@ -62,7 +62,7 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
   };
   if (!object.is_object() || !number("epoch", out.epoch) || !number("flushed", out.flushed) ||
       !number("age", out.age) || !object.contains("group") || !object["group"].is_string() ||
-      !ReadNames(object, out.names)) {
+      !ReadNames(object, out.names) || (object.contains("kept") && !number("kept", out.kept))) {
     return path + " is damaged; remove it to take the group up anew, which compares everything";
   }
   if (object["group"].get<std::string>() != group) {
@@ -74,11 +74,9 @@ std::string ReadSourceState(const std::string& directory, const std::string& gro
 
 std::string WriteSourceState(const std::string& directory, const std::string& group,
                              const SourceState& state) {
-  nlohmann::json object = {{"group", group},
-                           {"epoch", state.epoch},
-                           {"flushed", state.flushed},
-                           {"age", state.age},
-                           {"points", nlohmann::json::array()}};
+  nlohmann::json object = {{"group", group},           {"epoch", state.epoch},
+                           {"flushed", state.flushed}, {"age", state.age},
+                           {"kept", state.kept},       {"points", nlohmann::json::array()}};
   for (const PointRecord& point : state.names) {
     object["points"].push_back(
         {{"n", point.n}, {"timestampMs", point.timestampMs}, {"name", point.name}});
@@ -101,7 +99,9 @@ DiskStore::DiskStore(std::string directory, std::string spool, std::string group
       m_spool(std::move(spool)),
       m_group(std::move(group)),
       m_state(std::move(state)),
-      m_volumes(volumes) {}
+      m_volumes(volumes) {
+  m_state.kept = 0;  // what is written from here on is in no dataset of then
+}
 
 std::string DiskStore::OpenSpool() {
   if (auto fault = MakePrivateDirectory(AgePath()); !fault.empty()) return fault;
@@ -269,6 +269,16 @@ CheckpointDone DiskStore::Keep(const Checkpoint& command) {
   }
   if (!done.error.empty()) done.status = IoStatus::kFailed;
   return done;
+}
+
+std::string DiskStore::KeepUpTo(std::uint64_t n) {
+  // A power cut may take nothing back here that the spool has.
+  for (const auto& volume : m_volumes) {
+    if (auto fault = volume->file->Sync(); !fault.empty()) return fault;
+  }
+  const std::lock_guard lock(m_stateMutex);
+  m_state.kept = n;
+  return WriteSourceState(m_directory, m_group, m_state);
 }
 
 CheckpointDone DiskStore::Save(const SaveMaps& command) {

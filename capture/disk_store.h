@@ -31,6 +31,7 @@ struct SourceState {
   std::uint64_t flushed = 0;            // the target was known to have flushed, at least
   std::uint64_t age = 0;                // of the spool
   std::vector<PointRecord> names = {};  // of points in it
+  std::uint64_t kept = 0;               // SourceConfig::kept; of the start that follows alone
 };
 // Returns an empty text, or what is wrong. None is there: `out` stays as it is.
 std::string ReadSourceState(const std::string& directory, const std::string& group,
@@ -56,6 +57,8 @@ class DiskStore : public LiveStore {
   void Keep(const KeepNames& command) override;
   CheckpointDone Keep(const Checkpoint& command) override;
   CheckpointDone Save(const SaveMaps& command) override;
+  // The last thing of a process: KeptUpTo returned n. Returns an empty text, or what is wrong.
+  std::string KeepUpTo(std::uint64_t n);
   std::shared_ptr<void> HoldOff(std::uint8_t volume, std::uint64_t offset,
                                 std::uint64_t length) override;
 

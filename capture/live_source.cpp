@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <limits>
 #include <utility>
 
 #include "replicator/log.h"
@@ -121,8 +122,10 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
       std::clamp<std::uint64_t>(m_options.memory / kSlabPart, kMinSlab, kMaxSlab),
       m_options.memory);
   for (std::size_t i = 0; i < m_volumes.size(); ++i) {
-    auto fault = m_volumes[i]->map->Load(*m_capture, static_cast<std::uint8_t>(i));
-    if (!fault.empty()) return fault;
+    const auto volume = static_cast<std::uint8_t>(i);
+    if (auto fault = m_volumes[i]->map->Load(*m_capture, volume); !fault.empty()) return fault;
+    if (state.kept == 0 || !m_volumes[i]->map->WasWhole()) continue;
+    m_capture->TakeStale(volume, state.kept, std::numeric_limits<std::uint64_t>::max());
   }
   m_store = std::make_shared<DiskStore>(m_options.stateDirectory, m_options.spoolDirectory,
                                         m_options.group, state, m_volumes);
@@ -133,6 +136,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   m_config.epoch = state.epoch;
   m_config.flushed = state.flushed;
   m_config.names = state.names;
+  m_config.kept = state.kept;
   m_config.liveMemory = m_writeMemory;
   m_config.spoolBytes = m_options.spoolBytes;
   m_config.interval = m_options.intervalMs;
@@ -190,13 +194,15 @@ void LiveSource::Changed() {
 void LiveSource::TryStop() {
   if (!m_stopping || m_stopped) return;
   const SourceStatus& status = m_runner->Engine().Status();
-  const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->MemoryUsed() == 0;
+  const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->MemoryUsed() == 0 &&
+                         !m_runner->Engine().IsSpooling();
   if (!status.isFinished && !isSpooled && status.phase != SourcePhase::kStopped &&
       m_loop->NowMs() < m_stopBy) {
     return;
   }
   m_stopped = true;
-  if (!status.isFinished) {
+  m_kept = status.isFinished ? std::nullopt : m_runner->Engine().KeptUpTo();
+  if (!status.isFinished && !m_kept) {
     Log(Severity::kWarning, "stopped before the target had everything: what it lacks is marked");
   }
   m_loop->Post([this] { m_runner->Stop([this] { m_loop->Stop(); }); });
@@ -214,10 +220,21 @@ void LiveSource::Stop() {
     });
   });
   m_thread.join();
+  KeepUpTo();
   m_metrics.reset();
   m_control.reset();
   m_runner.reset();
   m_loop.reset();
+}
+
+void LiveSource::KeepUpTo() {
+  if (!m_kept) return;
+  if (const auto fault = m_store->KeepUpTo(*m_kept); !fault.empty()) {
+    Log(Severity::kWarning, "what the target lacks is kept, and compared all the same: " + fault);
+    return;
+  }
+  Log(Severity::kInfo, "stopped; what the target lacks is kept for the next start",
+      {{"n", std::to_string(*m_kept)}});
 }
 
 // --- The guest. ---

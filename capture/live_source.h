@@ -91,6 +91,7 @@ class LiveSource {
   void TrimPayloads();
   void Changed();
   void TryStop();
+  void KeepUpTo();
 
   LiveOptions m_options;
   Fd m_lock;
@@ -110,6 +111,7 @@ class LiveSource {
   bool m_stopping = false;
   bool m_stopped = false;
   std::uint64_t m_stopBy = 0;
+  std::optional<std::uint64_t> m_kept;  // when it stopped
 };
 
 }  // namespace penstock

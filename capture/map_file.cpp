@@ -79,6 +79,7 @@ std::string MapFile::Load(Capture& capture, std::uint8_t index) {
   }
   // A process that was killed may have left marks that are not on the disk yet: no write may rely
   // on them before they are.
+  m_wasWhole = isWhole;
   if (isWhole) return Sync();
   if (!m_isNew) {
     Log(Severity::kWarning, "a change map is damaged; all of its volume is compared",

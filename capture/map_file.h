@@ -33,6 +33,7 @@ class MapFile {
   const UuidT& Id() const { return m_header.id; }
   // Puts what the file says into `capture`, as its volume `index`, and keeps both.
   std::string Load(Capture& capture, std::uint8_t index);
+  bool WasWhole() const { return m_wasWhole; }  // at Load; otherwise all of the volume is stale
 
   // Waits until everything up to the generation is on the disk; whoever comes first writes for all.
   // Returns false when neither that nor removing the map could be done.
@@ -51,6 +52,7 @@ class MapFile {
   Fd m_fd;
   MapHeader m_header;
   bool m_isNew = false;
+  bool m_wasWhole = false;
   Capture* m_capture = nullptr;
   std::uint8_t m_index = 0;
   std::mutex m_mutex;  // of the writing

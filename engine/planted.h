@@ -40,6 +40,7 @@ enum class Fault : std::uint8_t {
   kSpoolWithoutEnd,      // a file of the spool is taken without its end record
   kSpoolGap,             // what the spool has behind a gap is sent
   kSpoolAge,             // a spool that was given up is read again
+  kKeptUnchecked,        // after a stop what is marked is not compared though the spool lost some
 };
 
 inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaults = {{
@@ -56,7 +57,7 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaul
     {Fault::kRecoverySkipsLast, "recovery-skips-the-last-dataset"},
     {Fault::kEndCountUnchecked, "end-without-count-check"},
 }};
-inline constexpr std::array<std::pair<Fault, std::string_view>, 13> kPlantedLiveFaults = {{
+inline constexpr std::array<std::pair<Fault, std::string_view>, 14> kPlantedLiveFaults = {{
     {Fault::kMarkAfterWrite, "mark-after-the-write"},
     {Fault::kClearBeforeFlushed, "clear-before-flushed"},
     {Fault::kClearBeforeSync, "clear-before-the-volume-is-synced"},
@@ -70,6 +71,7 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 13> kPlantedLive
     {Fault::kSpoolWithoutEnd, "spool-file-without-its-end-record"},
     {Fault::kSpoolGap, "spool-sent-behind-a-gap"},
     {Fault::kSpoolAge, "spool-of-another-age"},
+    {Fault::kKeptUnchecked, "kept-though-the-spool-lost-some"},
 }};
 
 #ifdef PENSTOCK_PLANTED_FAULTS

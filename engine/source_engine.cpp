@@ -348,6 +348,7 @@ bool SourceEngine::BeginHistory(const Welcome& welcome, const Moment& now) {
   }
   m_passAfter = m_last;
   if (m_config.feed == nullptr) return true;
+  CheckKept();
   std::vector<bool> whole;
   for (const WelcomeVolume& volume : welcome.volumes) {
     whole.push_back(!isKnown || volume.state == VolumeState::kNew ||

@@ -37,7 +37,10 @@ struct SourceConfig {
   SourceFeed* feed = nullptr;
   std::uint64_t epoch = 0;    // of the last process that had the group; 0: take it up anew
   std::uint64_t flushed = 0;  // the target was known to have flushed, by then
-  std::vector<SpooledDataset> spooled;     // what that process left, ascending
+  std::vector<SpooledDataset> spooled;  // what that process left, ascending
+  // It ended with KeptUpTo, and what is marked was told to `feed` to be in datasets up to this one:
+  // compared only when not all of them are found. 0: it did not.
+  std::uint64_t kept = 0;
   std::vector<PointRecord> names;          // of points that the target may not have
   std::uint64_t liveMemory = 256U << 20U;  // of normal datasets; the spool is used from a half on
   std::uint64_t spoolBytes = 0;            // at most, of the spool's files; 0: there is none
@@ -186,6 +189,11 @@ class SourceEngine {
   // Everything closed is flushed, and no pass is wanted or under way.
   bool IsSettled() const;
   std::uint64_t MemoryUsed() const { return m_reserved + m_normalBytes; }
+  bool IsSpooling() const { return m_spoolJob != 0; }  // a dataset is being written
+  // Of a source with a feed that is about to end: all that was captured is in datasets up to the
+  // one that is returned, and each of these is at the target, durably, or in the spool. For the
+  // `kept` of the next process, once the volumes are synced. Nothing: something is only marked.
+  std::optional<std::uint64_t> KeptUpTo() const;
 
  private:
   using Cursor = SourceCursor;
@@ -266,6 +274,7 @@ class SourceEngine {
   void StepClose(const Moment& now);
   void StepSpool(const Moment& now);
   bool DrainsBacklog() const;
+  void CheckKept();
   Cursors::const_iterator FirstUnspooled() const;
   void SpoolOne(std::uint64_t n, Cursor& cursor);
   void StoredInSpool(std::uint64_t n, Cursor& cursor);

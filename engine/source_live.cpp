@@ -129,8 +129,8 @@ void SourceEngine::StepSpool(const Moment& now) {
   }
   // What can't be sent before the process ends goes to the spool whole.
   const bool isLeaving = m_finishing && m_status.phase != SourcePhase::kOnline;
-  const std::uint64_t most = isLeaving ? 0 : m_config.liveMemory / 2;
-  if (m_normalBytes <= most || m_spoolJob != 0 || m_spoolDropping) return;
+  const bool isDue = isLeaving || m_normalBytes > m_config.liveMemory / 2;
+  if (!isDue || m_spoolJob != 0 || m_spoolDropping) return;
   const auto next = FirstUnspooled();
   // A resync dataset can't be kept; what follows it has to wait.
   if (next == m_cursors.end() || next->second.ds->IsFingerprinted()) return;
@@ -158,6 +158,33 @@ bool SourceEngine::DrainsBacklog() const {
 SourceEngine::Cursors::const_iterator SourceEngine::FirstUnspooled() const {
   return std::find_if(m_cursors.begin(), m_cursors.end(),
                       [](const auto& entry) { return entry.second.spool < SpoolStage::kStored; });
+}
+
+std::optional<std::uint64_t> SourceEngine::KeptUpTo() const {
+  const SourceFeed* const feed = m_config.feed;
+  if (feed == nullptr) return std::nullopt;
+  for (std::size_t i = 0; i < m_config.volumes.size(); ++i) {
+    if (feed->StaleBytes(static_cast<std::uint8_t>(i)) > 0) return std::nullopt;
+  }
+  std::uint64_t n = m_config.kept;  // as it was: there was no target yet
+  if (m_pipe) {
+    const bool isWhole = !m_passWanted && !m_passing && m_newestClosed && !feed->HasWrites() &&
+                         feed->IsRecording() && m_knownEpoch == m_status.epoch;
+    const bool isSpooled =
+        m_spoolJob == 0 && !m_spoolDropping && FirstUnspooled() == m_cursors.end();
+    n = isWhole && isSpooled ? m_last : 0;
+  }
+  return n == 0 ? std::nullopt : std::optional(n);
+}
+
+// What an earlier process was sure of is true only of what is there.
+void SourceEngine::CheckKept() {
+  const std::uint64_t kept = std::exchange(m_config.kept, 0);
+  if (kept == 0 || kept == m_last || Planted(Fault::kKeptUnchecked)) return;
+  Say(NoteLevel::kNotice, "datasets up to " + std::to_string(kept) + " were kept, and up to " +
+                              std::to_string(m_last) +
+                              " are here or at the target: what is marked is compared");
+  m_config.feed->Lose();
 }
 
 void SourceEngine::SpoolOne(std::uint64_t n, Cursor& cursor) {

@@ -74,6 +74,15 @@ TEST_F(SourceStates, AnotherGroupsIsRefused) {
                         " belongs to group other; give each group a state directory of its own");
 }
 
+TEST_F(SourceStates, WhatWasKeptIsWrittenAndOneOfAnEarlierVersionKeptNothing) {
+  ASSERT_EQ(WriteSourceState(m_folder.Path(), "g", {1, 2, 3, {}, 7}), "");
+  ASSERT_EQ(Read(), "");
+  EXPECT_EQ(m_state.kept, 7U);
+  WriteText(m_folder / "source.json", R"({"group":"g","epoch":1,"flushed":2,"age":3})");
+  ASSERT_EQ(Read(), "");
+  EXPECT_EQ(m_state.kept, 0U);
+}
+
 // As a source writes it whose link is down for long: the longest names, all characters in quotes.
 TEST_F(SourceStates, AsManyPointsAsAreKeptAreRead) {
   SourceState state{1, 2, 3, {}};

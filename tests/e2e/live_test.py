@@ -38,6 +38,11 @@ class Live(Rig):
             else:
                 guest.pwrite(self.random.randbytes(length), offset)
 
+    @staticmethod
+    def first_copy(served):
+        served.wait_state("replicating")
+        served.point("flushed")
+
     def test_what_is_written_follows(self):
         size = 5 * MIB + 123
         self.image("v.img", size)
@@ -50,6 +55,15 @@ class Live(Rig):
             self.assert_followed(served)
         guest.close()  # nbdkit ends when its clients have
         self.assertEqual(served.end(), 0)
+
+    def test_a_point_in_the_first_copy_is_waited_for_until_the_copy_is_good(self):
+        self.image("v.img", 64 * MIB)
+        _, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none")
+        wait_for(lambda: served.status()["sentBytes"] > 0, "the first copy")
+        served.point("durable")
+        self.assertEqual(served.status()["state"], "replicating")
+        self.assert_followed(served)
 
     def test_a_point_with_a_name_is_in_the_targets_list(self):
         self.image("v.img", MIB)
@@ -134,6 +148,24 @@ class Live(Rig):
         self.assertEqual((status["markedBytes"], status["sentBytes"]), (0, 0), status)
         self.assert_followed(served)
 
+    def test_nor_does_one_without_the_target(self):
+        self.image("v.img", 64 * MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none")
+        self.first_copy(served)
+        self.stop(target)
+        guest = served.guest("v")
+        for i in range(10):
+            guest.pwrite(self.random.randbytes(BLOCK), 6 * i * MIB)
+        guest.close()
+        self.assertEqual(served.end(), 0)
+        served = self.serve(address, *SMALL, "--compress", "none")
+        self.assertIn("stopped; what the target lacks is kept for the next start", served.said())
+        self.target(listen=address)
+        self.assert_followed(served)
+        status = served.status()
+        self.assertEqual(status["rawBytes"], 0, "what was sent is from the spool alone")
+
     def test_after_a_kill_only_what_is_marked_is_compared(self):
         self.image("v.img", 32 * MIB)
         _, address = self.target()
@@ -152,7 +184,7 @@ class Live(Rig):
         self.image("v.img", 64 * MIB)
         target, address = self.target()
         served = self.serve(address, *SMALL, "--compress", "none")
-        served.point("flushed")
+        self.first_copy(served)
         self.stop(target)
         guest = served.guest("v")
         for i in range(40):
@@ -171,7 +203,7 @@ class Live(Rig):
         self.image("v.img", 64 * MIB)
         target, address = self.target()
         served = self.serve(address, *SMALL, "--compress", "none")
-        served.point("flushed")
+        self.first_copy(served)
         self.stop(target)
         guest = served.guest("v")
         for i in range(30):
@@ -186,7 +218,7 @@ class Live(Rig):
         self.image("v.img", 64 * MIB)
         target, address = self.target()
         served = self.serve(address, *SMALL, "--compress", "none", "--spool-max", "10M")
-        served.point("flushed")
+        self.first_copy(served)
         self.stop(target)
         guest = served.guest("v")
         for i in range(60):
@@ -238,7 +270,7 @@ class Live(Rig):
         self.image("v.img", MIB)
         target, address = self.target()
         served = self.serve(address, *SMALL)
-        served.point("flushed")
+        self.first_copy(served)
         self.stop(target)
         os.rename(self.path("state"), self.path("state.old"))
         os.rename(self.path("volumes"), self.path("volumes.old"))

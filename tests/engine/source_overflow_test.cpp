@@ -216,6 +216,42 @@ TEST_F(SourceSpool, FinishWhileTheTargetIsAwaySpoolsEverything) {
   EXPECT_FALSE(Status().isFinished) << "the target has not got it";
 }
 
+// The next process finds all of it, and need not compare what is marked.
+TEST_F(SourceSpool, WhatIsKeptAtTheEndIsKnownOnceAllOfItIs) {
+  AloneWith(1);
+  Guest(8192);
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt) << "it is not closed";
+  m_engine->CloseDataset(m_now);
+  m_engine->CloseDataset(m_now);
+  Work();
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt) << "it is in memory";
+  m_engine->Finish(m_now);
+  Work();
+  for (std::uint64_t n = 1; n <= 3; ++n) {
+    ASSERT_EQ(Asked(), "spool " + Number(n)) << "an empty one, too";
+    EXPECT_TRUE(m_engine->IsSpooling());
+    EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt);
+    Stored();
+  }
+  EXPECT_FALSE(m_engine->IsSpooling());
+  EXPECT_EQ(m_engine->KeptUpTo(), 3U);
+  m_capture->BeginWrite(0, 0, 4096);
+  m_capture->Failed(0, 0, 4096);
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt) << "something is only marked";
+}
+
+TEST_F(SourceSpool, NothingIsKeptBeforeTheEpochIsKnownHere) {
+  m_config.epoch = 0;
+  Online();
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt);
+}
+
+TEST_F(SourceSpool, NothingIsKeptWhileSomethingHasToBeCompared) {
+  Online([](struct Welcome& welcome) { welcome.volumes[0].state = VolumeState::kNeedsResync; });
+  Fill(1);
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt);
+}
+
 TEST_F(SourceSpool, FinishWhileTheTargetIsThereSpoolsNoMoreThanBefore) {
   Online();
   Fill(1);

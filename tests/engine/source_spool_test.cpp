@@ -286,6 +286,67 @@ TEST_F(SourceSpool, APassWaitsForWhatIsAdopted) {
   EXPECT_TRUE(Contains(Done(1), "START 2 resync begins"));
 }
 
+// The process before knew that everything was in datasets up to this one.
+class KeptSpool : public SourceSpool {
+ protected:
+  void Kept(std::uint64_t n) {
+    m_config.kept = n;
+    m_capture->LoadNothing(0);
+    m_capture->TakeStale(0, n, ~std::uint64_t{0});
+    ASSERT_EQ(m_capture->StaleBytes(0), 0U);
+  }
+};
+
+TEST_F(KeptSpool, WhatIsMarkedIsNotComparedWhenAllIsFound) {
+  m_config.spooled = {Left(1), Left(2)};
+  Kept(2);
+  Online();
+  EXPECT_EQ(m_capture->StaleBytes(0), 0U);
+  EXPECT_EQ(Loaded(), "START 1, END 1");
+  EXPECT_EQ(Loaded(), "START 2, END 2");
+  All(1);
+  m_capture->Cool();
+  EXPECT_EQ(m_capture->ColdExtents(), 0U) << "the second may hold anything of it";
+  All(2);
+  m_capture->Cool();
+  EXPECT_GT(m_capture->ColdExtents(), 0U);
+  EXPECT_EQ(Status().passBytes, 0U);
+  EXPECT_FALSE(Status().resyncing);
+}
+
+TEST_F(KeptSpool, WhatTheTargetHasAlreadyCountsAsFound) {
+  m_config.spooled = {Left(2)};
+  Kept(2);
+  Online([](struct Welcome& welcome) { welcome.durable = welcome.applied = 2; });
+  EXPECT_EQ(m_capture->StaleBytes(0), 0U);
+  EXPECT_FALSE(Status().resyncing);
+}
+
+TEST_F(KeptSpool, WhatIsMarkedIsComparedWhenOneIsMissing) {
+  m_config.spooled = {Left(1)};
+  Kept(2);
+  Online();
+  EXPECT_GT(m_capture->StaleBytes(0), 0U);
+  Loaded();
+  All(1);
+  EXPECT_TRUE(Status().resyncing);
+}
+
+// A target that was restored from an older copy may have fewer than it had said.
+TEST_F(KeptSpool, WhatIsMarkedIsComparedWhenTheTargetLacksOne) {
+  Kept(2);
+  Online([](struct Welcome& welcome) { welcome.durable = welcome.applied = 1; });
+  EXPECT_GT(Status().passBytes, 0U);
+}
+
+TEST_F(KeptSpool, AnotherStopBeforeTheTargetIsReachedKeepsTheSame) {
+  Kept(2);
+  Begin();
+  EXPECT_EQ(m_engine->KeptUpTo(), 2U);
+  Guest(0, 4096);
+  EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt) << "it is in no dataset";
+}
+
 // They are of a history that the target may have left.
 TEST_F(SourceSpool, AGroupThatIsTakenUpAnewAdoptsNothing) {
   m_config.epoch = 0;

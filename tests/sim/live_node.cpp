@@ -103,11 +103,14 @@ void LiveNode::Boot() {
   config.names = m_state.names;
   config.liveMemory = m_options.memory;
   config.spoolBytes = m_options.spool;
+  m_wasKept = m_state.kept != 0;
+  config.kept = std::exchange(m_state.kept, 0);
   config.interval = m_world.rng.Between(50, 1500);
   config.clearExtents = m_world.rng.Between(1, 4);
   config.spooled = ScanSpool();
   m_closed = 0;
   m_before = {};
+  m_isLeaving = false;
   m_engine = std::make_unique<SourceEngine>(config);
   m_engine->Start(m_world.Now());
   Settle();
@@ -126,6 +129,7 @@ void LiveNode::LoadMap(std::uint8_t volume) {
     isWhole = CheckBits(id, i, sector);
     if (isWhole) m_capture->Load(volume, i, sector);
   }
+  if (isWhole && m_state.kept != 0) m_capture->TakeStale(volume, m_state.kept, ~std::uint64_t{0});
   m_disk.Sync(path);  // what a process that was killed left may not be on the disk
   if (isWhole) return;
   m_world.Log("source: nothing is known of volume " + std::to_string(volume));
@@ -159,6 +163,25 @@ void LiveNode::Crash(const std::string& why, bool power) {
   if (m_conn != 0) m_link.Die(m_conn, Side::kSource);
   m_conn = 0;
   if (power) m_disk.Crash();
+}
+
+void LiveNode::BeginLeave() {
+  if (!m_engine || m_isLeaving) return;
+  m_isLeaving = true;
+  m_engine->CloseDataset(m_world.Now());
+  m_engine->Finish(m_world.Now());
+  Settle();
+}
+
+void LiveNode::TryLeave() {
+  if (!m_engine || !m_writing.empty()) return;
+  const auto upTo = m_engine->KeptUpTo();
+  if (!upTo && !m_engine->Status().isFinished) return;
+  if (!m_engine->Status().isFinished) {
+    for (std::size_t i = 0; i < m_options.volumes.size(); ++i) m_disk.Sync(Volume(i));
+    m_state.kept = *upTo;
+  }
+  Crash("its operator stops it", false);
 }
 
 void LiveNode::After(Millis delay, std::function<void()> what) {
@@ -200,6 +223,8 @@ void LiveNode::Apply(std::vector<std::vector<std::uint8_t>>& to, const CapturedW
 
 void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
   Capture::Begin(whole);
+  if (m_node.m_wasKept && TotalStale() == 0 && BytesHeld() == 0) ++m_node.kept;
+  m_node.m_wasKept = false;
   m_node.m_world.Log("source: records from " + std::to_string(m_node.m_engine->m_last) + " on");
   m_node.m_taken = m_node.m_live;
   // The points of what the spool had are known from the life before.
@@ -222,7 +247,7 @@ bool LiveNode::Overlaps(std::uint8_t volume, std::uint64_t offset, std::uint64_t
 }
 
 void LiveNode::Write() {
-  if (!m_engine) return;
+  if (!m_engine || m_isLeaving) return;
   Op op;
   op.volume = static_cast<std::uint8_t>(m_world.rng.Below(m_options.volumes.size()));
   const std::uint64_t size = m_options.volumes[op.volume].size;

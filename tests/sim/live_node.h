@@ -42,6 +42,11 @@ class LiveNode {
   void TakeOver();
   // The process ends, with the machine's power or without.
   void Crash(const std::string& why, bool power);
+  // Its operator stops it: the guest has ended, and what the target does not take goes to the
+  // spool.
+  void BeginLeave();
+  bool IsLeaving() const { return m_isLeaving; }
+  void TryLeave();
   bool IsUp() const { return m_engine != nullptr; }
   bool IsStopped() const { return m_engine && m_engine->Status().phase == SourcePhase::kStopped; }
   SourceEngine* engine() { return m_engine.get(); }
@@ -59,6 +64,7 @@ class LiveNode {
   void PrintDifferences(const Disk& target) const;
   std::uint64_t overflows = 0;
   std::uint64_t spooled = 0;  // datasets
+  std::uint64_t kept = 0;     // starts behind a stop without the target that compare nothing
 
  private:
   // What is captured of the guest, and when.
@@ -81,6 +87,7 @@ class LiveNode {
   struct State {
     std::uint64_t epoch = 0, flushed = 0, age = 0;
     std::vector<PointRecord> names;
+    std::uint64_t kept = 0;
   };
 
   std::string Volume(std::size_t index) const { return "volume/" + m_options.volumes[index].name; }
@@ -137,6 +144,8 @@ class LiveNode {
   ConnId m_conn = 0;
   SourceStatus m_before;
   bool m_settling = false;
+  bool m_isLeaving = false;
+  bool m_wasKept = false;  // by the process before; until it records
 };
 
 }  // namespace penstock::sim

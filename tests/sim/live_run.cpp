@@ -37,6 +37,7 @@ class LiveRun {
     totals.overflows += m_source->overflows;
     if (m_source->IsUp()) totals.overflows += m_source->engine()->Status().overflows;
     totals.spooled += m_source->spooled;
+    totals.kept += m_source->kept;
   }
   void PrintDifferences() { m_source->PrintDifferences(m_target->disk()); }
 
@@ -79,6 +80,7 @@ class LiveRun {
     faults.tamper = m_world.rng.Chance(0.3) ? 0.5 : 0;
     m_rot = m_world.rng.Chance(0.3) ? 0.6 : 0;
     m_away = m_world.rng.Chance(0.6) ? 0.03 : 0;
+    m_leave = m_world.rng.Chance(0.5) ? 0.05 : 0;
   }
 
   void Act() {
@@ -92,6 +94,8 @@ class LiveRun {
     // The target is out of reach for a while.
     if (m_world.Strikes(m_away)) m_source->Pause(true);
     if (m_world.rng.Chance(0.05)) m_source->Pause(false);
+    if (m_world.Strikes(m_leave)) m_source->BeginLeave();
+    if (m_source->IsLeaving()) m_source->TryLeave();
     if (!m_source->IsUp() && m_world.rng.Chance(0.3)) {
       if (m_world.Strikes(m_rot)) m_source->DamageSpool();
       m_source->Boot();
@@ -115,6 +119,10 @@ class LiveRun {
       // A late HELLO of its own may have fenced it.
       if (m_source->IsStopped()) m_source->TakeOver();
       m_source->Pause(false);
+      if (m_source->IsLeaving()) {
+        m_source->TryLeave();
+        continue;
+      }
       if (!m_source->IsIdle() || !m_target->IsUp()) continue;
       if (!m_source->engine()->IsSettled() || !IsGood()) continue;
       SIM_CHECK(IsSame(), "I1: the copy is said to be good and is not what the source is");
@@ -134,6 +142,7 @@ class LiveRun {
     m_world.RunUntil(m_world.Now().steady + 1'000);
     Restart();
     for (int i = 0; i < 200 && !m_source->capture()->IsRecording(); ++i) {
+      if (m_source->IsStopped()) return;  // fenced by a late HELLO of its own
       m_world.RunUntil(m_world.Now().steady + 200);
     }
     SIM_CHECK(m_source->capture()->IsRecording(), "I4: a source that stopped does not come back");
@@ -176,6 +185,7 @@ class LiveRun {
   LiveOptions m_options;
   double m_away = 0;
   double m_rot = 0;
+  double m_leave = 0;
   std::unique_ptr<Checker> m_checker;
   std::unique_ptr<TargetNode> m_target;
   std::unique_ptr<LiveNode> m_source;

@@ -272,9 +272,11 @@ int RunSeeds(const Options& options) {
               static_cast<unsigned long long>(options.seed),
               static_cast<unsigned long long>(options.steps));
   if (options.live) {
-    std::printf("%llu datasets were spooled, %llu backlogs given up\n",
-                static_cast<unsigned long long>(g_liveTotals.spooled),
-                static_cast<unsigned long long>(g_liveTotals.overflows));
+    std::printf(
+        "%llu datasets were spooled, %llu backlogs given up, %llu stops without the target\n",
+        static_cast<unsigned long long>(g_liveTotals.spooled),
+        static_cast<unsigned long long>(g_liveTotals.overflows),
+        static_cast<unsigned long long>(g_liveTotals.kept));
   }
   return 0;
 }
