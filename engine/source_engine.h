@@ -213,10 +213,6 @@ class SourceEngine {
   void Backoff(const std::string& why, const Moment& now);
   void SendHello();
   void TakeFrame(const Frame& frame, const Moment& now);
-  void TakeWelcome(const Frame& frame, const Moment& now);
-  bool TakeHistory(const Welcome& welcome, const Moment& now);
-  bool BeginHistory(const Welcome& welcome, const Moment& now);
-  void MakePipeline();
   void TickOnline(const Moment& now);
   void TakeReport(FrameType type, const Frame& frame, const Moment& now);
   void TakeError(const Frame& frame, const Moment& now);
@@ -227,6 +223,12 @@ class SourceEngine {
   void SendProgress(const Moment& now);
   void Settle(const Moment& now);  // after every event: whatever has become possible
   void TakeSteps(const Moment& now);
+
+  // source_history.cpp: what the target has.
+  void TakeWelcome(const Frame& frame, const Moment& now);
+  bool TakeHistory(const Welcome& welcome, const Moment& now);
+  bool BeginHistory(const Welcome& welcome, const Moment& now);
+  void MakePipeline();
 
   // source_pipe.cpp: datasets on their way.
   void PushNormal(const Moment& now);
