@@ -13,7 +13,6 @@ import argparse
 import json
 import os
 import random
-import signal
 import statistics
 import subprocess
 import sys
@@ -23,7 +22,7 @@ import time
 from live_peers import (FilePlugin, Mirror, Penstock, Spooling, Tracking, WritingMirror,
                         wait_until)
 from replicate_report import Report
-from replicate_rig import GIB, MIB, Rig, Trouble, demand_room, file_system, peak_memory
+from replicate_rig import GIB, MIB, Trouble, demand_room, file_system, peak_memory, run_bench
 from replicate_peers import find_programs
 from run import machine
 
@@ -346,25 +345,7 @@ def measure(args, rig):
 
 def main():
     args = parse()
-    # Whoever ends this, what it started and made goes.
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda got, _: sys.exit(128 + got))
-    rig = None
-    try:
-        rig = Rig()
-        missed = measure(args, rig)
-    except Trouble as fault:
-        sys.exit(f"bench/live.py: {fault}")
-    except KeyboardInterrupt:
-        sys.exit(130)
-    finally:
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)
-        if rig:
-            rig.close()
-    if missed:
-        sys.exit("goals missed:\n  " + "\n  ".join(
-            f"{goal['what']}: {goal['value']:.2f}, goal {goal['limit']}" for goal in missed))
+    run_bench("bench/live.py", lambda rig: measure(args, rig))
 
 
 if __name__ == "__main__":

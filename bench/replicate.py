@@ -13,7 +13,6 @@ as this program does, is no package of Debian 12, so it is not among them.
 import argparse
 import os
 import platform
-import signal
 import subprocess
 import sys
 import time
@@ -21,8 +20,8 @@ import time
 from replicate_copies import Copies
 from replicate_peers import PACKAGES, Place, find_programs
 from replicate_report import Report
-from replicate_rig import (GIB, MIB, Rig, Trouble, allocated, demand_room, file_system,
-                           make_image, memory_of)
+from replicate_rig import (GIB, MIB, Trouble, allocated, demand_room, file_system, make_image,
+                           memory_of, run_bench)
 from replicate_scale import Scale
 from run import machine
 
@@ -147,26 +146,7 @@ def measure(args, programs, rig):
 
 def main():
     args = parse()
-    # Whoever ends this, what it started and made goes.
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda got, _: sys.exit(128 + got))
-    rig = None
-    try:
-        programs = find_programs(args.build)
-        rig = Rig()
-        missed = measure(args, programs, rig)
-    except Trouble as fault:
-        sys.exit(f"bench/replicate.py: {fault}")
-    except KeyboardInterrupt:
-        sys.exit(130)
-    finally:
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)
-        if rig:
-            rig.close()
-    if missed:
-        sys.exit("goals missed:\n  " + "\n  ".join(
-            f"{goal['what']}: {goal['value']:.2f}, goal {goal['limit']}" for goal in missed))
+    run_bench("bench/replicate.py", lambda rig: measure(args, find_programs(args.build), rig))
 
 
 if __name__ == "__main__":

@@ -319,3 +319,26 @@ def change_blocks(path, copy, fraction, seed):
             file.seek(block * BLOCK)
             file.write(draw.randbytes(BLOCK))
     return [block * BLOCK for block in blocks]
+
+
+def run_bench(name, measure):
+    """Runs `measure(rig)`, which returns the goals that were missed, to the end of the process:
+    whoever ends it, what it started and made goes."""
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda got, _: sys.exit(128 + got))
+    rig = None
+    try:
+        rig = Rig()
+        missed = measure(rig)
+    except Trouble as fault:
+        sys.exit(f"{name}: {fault}")
+    except KeyboardInterrupt:
+        sys.exit(130)
+    finally:
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            signal.signal(number, signal.SIG_IGN)
+        if rig:
+            rig.close()
+    if missed:
+        sys.exit("goals missed:\n  " + "\n  ".join(
+            f"{goal['what']}: {goal['value']:.2f}, goal {goal['limit']}" for goal in missed))

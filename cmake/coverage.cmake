@@ -24,7 +24,7 @@ endfunction()
 penstock_require_coverage(library 100 95 common dataset fingerprint pipeline serializer)
 add_custom_target(coverage)
 add_dependencies(coverage coverage-library)
-if(PENSTOCK_PROGRAMS)
+if(TARGET penstock_engine)
   penstock_require_coverage(engine 95 85 engine codec)
   add_dependencies(coverage-engine coverage-library)  # one after the other
   add_dependencies(coverage coverage-engine)
