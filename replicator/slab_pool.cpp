@@ -15,9 +15,10 @@ namespace penstock {
 
 namespace {
 
-// Of x86-64. Pieces that large are mapped so that the kernel can use such pages: a fault for each
+// Of x86-64. Pieces at least that large are mapped so that the kernel can use such pages: a fault for each
 // 4 KiB costs more than filling them does, above all in a virtual machine.
 constexpr std::size_t kHugePage = 2U << 20U;
+constexpr std::size_t kPage = 4096;
 
 struct Release {
   std::size_t mapped = 0;  // bytes; 0: it is the allocator's
@@ -47,7 +48,7 @@ Slab Map(std::size_t bytes) {
 }
 
 Slab Make(std::size_t bytes) {
-  if (bytes >= kHugePage && bytes % kHugePage == 0) return Map(bytes);
+  if (bytes >= kHugePage && bytes % kPage == 0) return Map(bytes);
   return {new std::uint8_t[bytes], Release{}};
 }
 

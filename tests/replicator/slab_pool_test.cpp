@@ -64,9 +64,9 @@ TEST(SlabPool, WhatNobodyNeedsIsReleased) {
   EXPECT_EQ(pool.Kept(), 0U);
 }
 
-// As large as a page of the largest kind, and a multiple of it.
+// Larger than a page of the largest kind that is used.
 TEST(SlabPool, LargePiecesAreWholeAndApart) {
-  constexpr std::size_t kLarge = 4U << 20U;
+  constexpr std::size_t kLarge = 3'280 << 10U;
   SlabPool pool(kLarge, 1);
   auto first = pool.Take();
   auto second = pool.Take();
