@@ -15,8 +15,8 @@ namespace penstock {
 
 namespace {
 
-// Of x86-64. Pieces at least that large are mapped so that the kernel can use such pages: a fault for each
-// 4 KiB costs more than filling them does, above all in a virtual machine.
+// Of x86-64. Pieces at least that large are mapped so that the kernel can use such pages: a fault
+// for each 4 KiB costs more than filling them does, above all in a virtual machine.
 constexpr std::size_t kHugePage = 2U << 20U;
 constexpr std::size_t kPage = 4096;
 
