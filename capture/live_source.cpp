@@ -202,7 +202,9 @@ void LiveSource::TryStop() {
   }
   m_stopped = true;
   m_kept = status.isFinished ? std::nullopt : m_runner->Engine().KeptUpTo();
-  if (!status.isFinished && !m_kept) {
+  if (status.isFinished) {
+    Log(Severity::kInfo, "stopped; the target has everything");
+  } else if (!m_kept) {
     Log(Severity::kWarning, "stopped before the target had everything: what it lacks is marked");
   }
   m_loop->Post([this] { m_runner->Stop([this] { m_loop->Stop(); }); });

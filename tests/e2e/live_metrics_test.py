@@ -111,8 +111,7 @@ class SourceMetrics(Rig):
         complaint = f"can't serve metrics on {metrics}: Address already in use"
         wait_for(lambda: complaint in second.said(), "the complaint")
         if has_sanitizer():
-            # With a runtime before it nbdkit, also with its own plugins, finds the C library's lock
-            # of locales broken when it ends by a fault, and waits for it without end.
+            # Served.end says why.
             print("not looked at with a sanitizer: the exit code")
             second.end(signal.SIGKILL)
         else:
