@@ -134,10 +134,10 @@ class Served:
         try:
             with open(os.path.join(self.state, "source.lock"), "rb") as lock:
                 fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except FileNotFoundError:
-            return True
         except BlockingIOError:
             return False
+        except OSError:  # it was never made, or its disk is gone
+            return True
         return True
 
 
