@@ -14,7 +14,7 @@ from rig import LIMIT, MIB, SEED, Rig, main
 
 SIZE = 16 * MIB
 ALIGNED = 4096
-OPTIONS = ("--memory", "32M", "--max-dataset", "2M", "--interval", "200ms")
+OPTIONS = ("--memory", "64M", "--max-dataset", "2M", "--interval", "200ms")
 
 
 def need_tool(name, package):
