@@ -38,7 +38,7 @@ const std::string& Folder() {
 // --- The state. ---
 
 bool IsSame(const SourceState& a, const SourceState& b) {
-  return a.epoch == b.epoch && a.flushed == b.flushed && a.age == b.age;
+  return a.epoch == b.epoch && a.flushed == b.flushed && a.age == b.age && a.kept == b.kept;
 }
 
 void ReadState(const std::uint8_t* data, std::size_t size) {
