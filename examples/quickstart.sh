@@ -91,7 +91,15 @@ penstock=$root/build/program/replicator/penstock
 work=$(mktemp -d)
 chmod 700 "$work"
 address='' target='' source=''
-trap 'kill ${source:-} ${target:-} 2>/dev/null || true; rm -rf "$work"' EXIT
+end() {  # the source first: it gets the rest to the target
+  local process
+  for process in $source $target; do
+    kill "$process" 2>/dev/null || continue
+    wait "$process" 2>/dev/null || true
+  done
+  rm -rf "$work"
+}
+trap end EXIT
 mkdir -m 700 "$work/target" "$work/copies"
 "$penstock" keygen --psk "$work/key" >/dev/null
 truncate -s 64M "$work/disk.img"
