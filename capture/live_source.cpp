@@ -50,7 +50,7 @@ int ErrnoOf(const std::string& fault) {
 // and a quarter of one that they don't. For the calling thread alone; where the system refuses, it
 // is as before.
 void GiveWay() {
-  static const int kNice = getenv("PN") ? atoi(getenv("PN")) : 5;
+  constexpr int kNice = 5;
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
 }
 
