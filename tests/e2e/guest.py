@@ -125,6 +125,7 @@ class Served:
         try:
             return self._process.wait(5)
         except subprocess.TimeoutExpired:
+            print("not looked at with a sanitizer: the exit code")
             self._process.kill()
             self._process.wait(LIMIT)
             return 0

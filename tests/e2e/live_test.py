@@ -43,6 +43,15 @@ class Live(Rig):
         served.wait_state("replicating")
         served.point("flushed")
 
+    def serve_alone(self, *more):
+        """A source whose target has the first copy, and is away since."""
+        self.image("v.img", 64 * MIB)
+        target, address = self.target()
+        served = self.serve(address, *SMALL, "--compress", "none", *more)
+        self.first_copy(served)
+        self.stop(target)
+        return served, address
+
     def test_what_is_written_follows(self):
         size = 5 * MIB + 123
         self.image("v.img", size)
@@ -149,11 +158,7 @@ class Live(Rig):
         self.assert_followed(served)
 
     def test_nor_does_one_without_the_target(self):
-        self.image("v.img", 64 * MIB)
-        target, address = self.target()
-        served = self.serve(address, *SMALL, "--compress", "none")
-        self.first_copy(served)
-        self.stop(target)
+        served, address = self.serve_alone()
         guest = served.guest("v")
         for i in range(10):
             guest.pwrite(self.random.randbytes(BLOCK), 6 * i * MIB)
@@ -181,11 +186,7 @@ class Live(Rig):
         self.assertLessEqual(served.status()["rawBytes"], MIB, "one extent was marked")
 
     def test_the_spool_holds_what_the_target_does_not_take(self):
-        self.image("v.img", 64 * MIB)
-        target, address = self.target()
-        served = self.serve(address, *SMALL, "--compress", "none")
-        self.first_copy(served)
-        self.stop(target)
+        served, address = self.serve_alone()
         guest = served.guest("v")
         for i in range(40):
             guest.pwrite(self.random.randbytes(MIB), i * MIB)
@@ -200,11 +201,7 @@ class Live(Rig):
         self.assertEqual((status["overflows"], status["spoolBytes"]), (0, 0), status)
 
     def test_a_spool_outlives_its_process(self):
-        self.image("v.img", 64 * MIB)
-        target, address = self.target()
-        served = self.serve(address, *SMALL, "--compress", "none")
-        self.first_copy(served)
-        self.stop(target)
+        served, address = self.serve_alone()
         guest = served.guest("v")
         for i in range(30):
             guest.pwrite(self.random.randbytes(MIB), i * MIB)
@@ -215,11 +212,7 @@ class Live(Rig):
         self.assert_followed(served)
 
     def test_beyond_the_spool_changes_are_tracked(self):
-        self.image("v.img", 64 * MIB)
-        target, address = self.target()
-        served = self.serve(address, *SMALL, "--compress", "none", "--spool-max", "10M")
-        self.first_copy(served)
-        self.stop(target)
+        served, address = self.serve_alone("--spool-max", "10M")
         guest = served.guest("v")
         for i in range(60):
             guest.pwrite(self.random.randbytes(MIB), i * MIB)

@@ -15,6 +15,12 @@ namespace {
 
 constexpr std::size_t kPieceBytes = 4096;
 
+// So many at the same time.
+void TakeAndGive(SlabPool& pool, std::size_t count) {
+  std::vector<std::shared_ptr<std::uint8_t[]>> pieces(count);
+  for (auto& piece : pieces) piece = pool.Take();
+}
+
 TEST(SlabPool, APieceComesBackAndIsTakenAgain) {
   SlabPool pool(kPieceBytes, 4);
   auto piece = pool.Take();
@@ -41,23 +47,16 @@ TEST(SlabPool, APieceIsUsedUntilItsLastOwnerIsGone) {
 
 TEST(SlabPool, NoMoreAreKeptThanWasSaid) {
   SlabPool pool(kPieceBytes, 2);
-  std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
-  pieces.reserve(5);
-  for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
-  pieces.clear();
+  TakeAndGive(pool, 5);
   EXPECT_EQ(pool.Kept(), 2U);
 }
 
 TEST(SlabPool, WhatNobodyNeedsIsReleased) {
   SlabPool pool(kPieceBytes, 8);
-  std::vector<std::shared_ptr<std::uint8_t[]>> pieces;
-  pieces.reserve(5);
-  for (int i = 0; i < 5; ++i) pieces.push_back(pool.Take());
-  pieces.clear();
+  TakeAndGive(pool, 5);
   pool.Trim();  // all of them were in use since the pool was made
   EXPECT_EQ(pool.Kept(), 5U);
-  for (int i = 0; i < 2; ++i) pieces.push_back(pool.Take());
-  pieces.clear();
+  TakeAndGive(pool, 2);
   pool.Trim();
   EXPECT_EQ(pool.Kept(), 2U);
   pool.Trim();
