@@ -248,12 +248,21 @@ struct CommitState {
   StateChange change;
 };
 
+// A block as it came from a peer.
+struct ArrivedBlock {
+  BlockPtr block;
+  std::uint32_t size = 0;  // bytes at `block`
+};
+using ArrivedBlocks = std::vector<ArrivedBlock>;
+
 // Check a whole journal file, then write its blocks to the volume in order. Repeatable.
 struct ApplyFile {
   Ticket ticket = 0;
   std::string group, volume;
   std::uint64_t n = 0;
   std::uint64_t volumeSize = 0;
+  // What the file holds, when that is still in memory: the file need not be read. May be null.
+  std::shared_ptr<const ArrivedBlocks> blocks;
 };
 
 // Check a block and write it to its volume.

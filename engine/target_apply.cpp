@@ -61,8 +61,11 @@ void TargetGroup::ApplyOne(const JournalRecord& record, const Moment& now) {
     const Ticket ticket = Ask([this, record, volume, now](const IoDone& done) {
       FileApplied(record, volume, done, now);
     });
-    m_port.commands.emplace_back(
-        ApplyFile{ticket, m_state.group, volume, record.n, m_volumes.at(volume).record.size});
+    ApplyFile apply{ticket, m_state.group, volume, record.n, m_volumes.at(volume).record.size, {}};
+    if (const auto kept = m_kept.find(record.n); kept != m_kept.end()) {
+      apply.blocks = kept->second.byVolume.at(volume);
+    }
+    m_port.commands.emplace_back(std::move(apply));
   }
 }
 
@@ -92,9 +95,40 @@ void TargetGroup::FileApplied(const JournalRecord& record, const std::string& vo
 void TargetGroup::RecordApplied(const JournalRecord& record) {
   m_toApply.pop_front();
   m_applied = record.n;
+  if (const auto kept = m_kept.find(record.n); kept != m_kept.end()) {
+    Release(kept->second);
+    m_kept.erase(kept);
+  }
   m_applyTrouble.clear();
   Report(FrameType::kDone, record.n, record.chain);
 }
+
+// --- Blocks that stay in memory. ---
+
+// A dataset that has no room keeps nothing: it is read back from its files, which takes it as a
+// whole. Nobody waits for room, so that no group can hold up another.
+void TargetGroup::Keep(Arrival& arrival, const std::string& volume, const ArrivedBlock& block) {
+  if (!arrival.kept.isWhole) return;
+  const std::uint64_t bytes = block.size + kKeptOverhead;
+  if (bytes > m_port.config.keepBytes - std::min(m_port.config.keepBytes, m_port.keptBytes)) {
+    Release(arrival.kept);
+    arrival.kept.isWhole = false;
+    return;
+  }
+  auto& blocks = arrival.kept.byVolume[volume];
+  if (!blocks) blocks = std::make_shared<ArrivedBlocks>();
+  blocks->push_back(block);
+  arrival.kept.bytes += bytes;
+  m_port.keptBytes += bytes;
+}
+
+void TargetGroup::Release(KeptBlocks& kept) {
+  m_port.keptBytes -= kept.bytes;
+  kept.bytes = 0;
+  kept.byVolume.clear();
+}
+
+// --- Damaged files. ---
 
 // An acknowledged dataset can't be had again from the source: no volume of the group is a point of
 // the source from here on, and the state says so before anything else is flushed.

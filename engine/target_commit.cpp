@@ -180,7 +180,10 @@ void TargetGroup::Committed(const StateChange& change, std::size_t taken, bool w
   for (std::size_t i = 0; i < taken; ++i) {
     const auto arrival = std::move(m_arrivals.front());
     m_arrivals.pop_front();
-    if (!arrival->direct) continue;
+    if (!arrival->direct) {
+      if (arrival->kept.bytes > 0) m_kept.emplace(arrival->n, std::move(arrival->kept));
+      continue;
+    }
     flushedChain = arrival->chain;
     m_applied = m_synced = std::max(m_applied, arrival->n);
     Report(FrameType::kDone, arrival->n, arrival->chain);

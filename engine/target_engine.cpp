@@ -19,7 +19,7 @@ TargetEngine::TargetEngine(TargetConfig config, std::vector<GroupState> groups,
 TargetPort TargetEngine::Port() {
   return {m_config, m_commands,
           [this](std::uint64_t group) { return (++m_lastTicket << kTicketShift) | group; },
-          [this](ConnId conn) { m_conns.erase(conn); }};
+          [this](ConnId conn) { m_conns.erase(conn); }, m_keptBytes};
 }
 
 std::vector<TargetCommand> TargetEngine::TakeCommands() { return std::exchange(m_commands, {}); }

@@ -49,6 +49,8 @@ class TargetEngine {
 
   std::vector<GroupStatus> Status() const;
   std::uint64_t RefusedConnections() const { return m_refused; }
+  // Of blocks in memory until they are applied, in all groups; at most TargetConfig::keepBytes.
+  std::uint64_t KeptBytes() const { return m_keptBytes; }
   // Connections that asked for the status, to be answered with SendStatus.
   std::vector<ConnId> TakeStatusAsked() { return std::exchange(m_statusAsked, {}); }
   void SendStatus(ConnId conn, const std::string& json);
@@ -76,6 +78,7 @@ class TargetEngine {
 
   TargetConfig m_config;
   std::vector<TargetCommand> m_commands;
+  std::uint64_t m_keptBytes = 0;
   std::vector<std::unique_ptr<TargetGroup>> m_groups;
   std::map<std::string, std::uint64_t> m_byName;
   std::vector<JournalFile> m_found;

@@ -25,6 +25,7 @@ struct TargetPort {
   std::vector<TargetCommand>& commands;
   std::function<Ticket(std::uint64_t group)> newTicket;  // routed to the group when answered
   std::function<void(ConnId)> forget;                    // the connection is not ours any more
+  std::uint64_t& keptBytes;                              // of all groups' KeptBlocks
 };
 
 // A file that the journal's folder holds, as it was found at the start.
@@ -130,6 +131,8 @@ class TargetGroup {
   void ApplyOne(const JournalRecord& record, const Moment& now);
   void FileApplied(const JournalRecord& record, const std::string& volume, const IoDone& done,
                    const Moment& now);
+  void Keep(Arrival& arrival, const std::string& volume, const ArrivedBlock& block);
+  void Release(KeptBlocks& kept);
   void LoseFile(std::uint64_t n, const std::string& volume, const std::string& why);
   void RecordApplied(const JournalRecord& record);
   void RemoveFlushed(std::uint64_t upTo);
@@ -162,8 +165,9 @@ class TargetGroup {
   std::map<std::string, VolumeRecord> m_changed;  // to be committed with the next change
   std::uint64_t m_applied = 0;
   std::deque<JournalRecord> m_toApply;
-  std::uint32_t m_applying = 0;  // files under way
-  std::uint32_t m_removing = 0;  // files found at the start that are being removed
+  std::map<std::uint64_t, KeptBlocks> m_kept;  // by number: some of m_toApply
+  std::uint32_t m_applying = 0;                // files under way
+  std::uint32_t m_removing = 0;                // files found at the start that are being removed
   std::set<std::pair<std::uint64_t, std::string>> m_lost;  // files that were put aside
   Millis m_retryAt = kNever;
   bool m_applyBlocked = false;

@@ -29,6 +29,7 @@ struct TargetConfig {
   std::uint32_t queueDatasets = 1024;         // begun by a source and not yet durable
   std::uint32_t queueQueries = 64;            // comparisons under way for a connection
   std::uint64_t journalQuota = 16ULL << 30U;  // bytes of files that are not yet flushed
+  std::uint64_t keepBytes = 96U << 20U;       // blocks in memory until they are applied; all groups
   std::uint32_t maxBlocks = 1U << 20U;        // in one dataset
   std::uint32_t maxConnections = 64;
   std::uint32_t maxGroups = 256;
@@ -70,6 +71,15 @@ enum class ArrivalStage : std::uint8_t {
   kDropping,  // given up; its files are being removed
 };
 
+// The blocks of a journaled dataset while they are in memory, so that they can be applied without
+// being read back. All of them, or none.
+struct KeptBlocks {
+  std::map<std::string, std::shared_ptr<ArrivedBlocks>> byVolume;
+  std::uint64_t bytes = 0;
+  bool isWhole = true;  // false: some had no room, and all were let go
+};
+inline constexpr std::uint64_t kKeptOverhead = 128;  // bytes that a block takes beside its own
+
 // A dataset between its START and its commit.
 struct Arrival {
   std::uint64_t n = 0;
@@ -85,6 +95,7 @@ struct Arrival {
   bool dropped = false;
   std::deque<std::pair<BlockPtr, std::uint32_t>> waiting;  // direct: blocks not yet to be written
   std::set<std::string> files;                             // journaled: volumes with a file
+  KeptBlocks kept;                                         // journaled
   std::uint32_t outstanding = 0;                           // commands under way
   std::uint32_t blocks = 0;
   std::uint64_t extents = 0;

@@ -68,6 +68,7 @@ void TargetGroup::Append(Arrival& arrival, const std::string& volume, const Bloc
   const Ticket ticket = Ask([this, n, size](const IoDone& done) { AfterWrite(n, size, done); });
   m_port.commands.emplace_back(JournalAppend{ticket, m_state.group, volume, n, block, size,
                                              m_volumes.at(volume).record.size});
+  Keep(arrival, volume, {block, size});
 }
 
 // Whether blocks of a resync may go to their volume: everything before them is in the volumes, and
@@ -160,6 +161,7 @@ void TargetGroup::DropFrom(std::uint64_t n) {
     if (arrival->n < n) continue;
     arrival->dropped = true;
     arrival->waiting.clear();
+    Release(arrival->kept);
   }
 }
 
@@ -237,8 +239,8 @@ void TargetGroup::SyncDirs(Arrival& arrival) {
   if (Planted(Fault::kApplyBeforeCommit)) {
     for (const std::string& volume : arrival.files) {
       const Ticket ticket = Ask([](const IoDone&) {});
-      m_port.commands.emplace_back(
-          ApplyFile{ticket, m_state.group, volume, arrival.n, m_volumes.at(volume).record.size});
+      m_port.commands.emplace_back(ApplyFile{
+          ticket, m_state.group, volume, arrival.n, m_volumes.at(volume).record.size, {}});
     }
   }
   if (Planted(Fault::kNoDirectorySync)) {

@@ -141,6 +141,14 @@ IoStatus WriteToVolume(const OM_DP::CompressedData& block, std::size_t size,
   return status == IoStatus::kOk ? WriteExtents(block, extents, sink, error) : status;
 }
 
+IoStatus ApplyKeptBlocks(const ApplyFile& command, BlockSink& sink, std::string& error) {
+  for (const ArrivedBlock& kept : *command.blocks) {
+    const IoStatus status = WriteToVolume(*kept.block, kept.size, command.volumeSize, sink, error);
+    if (status != IoStatus::kOk) return status;
+  }
+  return IoStatus::kOk;
+}
+
 IoStatus ApplyDatasetFile(const ApplyFile& command, FileBytes& file, BlockSink& sink,
                           std::string& error) {
   const UuidT volume = VolumeId(command.group, command.volume);

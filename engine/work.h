@@ -49,8 +49,12 @@ IoStatus CheckArrived(const OM_DP::CompressedData& block, std::size_t size,
 IoStatus WriteToVolume(const OM_DP::CompressedData& block, std::size_t size,
                        std::uint64_t volumeSize, BlockSink& sink, std::string& error);
 
-// ApplyFile: reads the whole file first, and only then writes its blocks in order. The file must be
-// that of this dataset, group and volume.
+// ApplyFile with blocks: checks each and writes it, in order. kDamaged: memory did not keep what
+// had been checked; the file is the truth, and is to be applied instead.
+IoStatus ApplyKeptBlocks(const ApplyFile& command, BlockSink& sink, std::string& error);
+
+// ApplyFile without: reads the whole file first, and only then writes its blocks in order. The file
+// must be that of this dataset, group and volume.
 IoStatus ApplyDatasetFile(const ApplyFile& command, FileBytes& file, BlockSink& sink,
                           std::string& error);
 

@@ -8,6 +8,7 @@
 
 #include "engine/work.h"
 #include "replicator/files.h"
+#include "replicator/log.h"
 
 namespace penstock {
 
@@ -114,14 +115,21 @@ IoDone TargetVolumes::Write(const WriteBlock& command) {
 IoDone TargetVolumes::Apply(const ApplyFile& command, const Journal& journal) {
   const auto volume = Get(command.group, command.volume);
   if (!volume) return NotOpen(command.ticket, command.volume);
+  VolumeSink sink(*volume);
   IoDone done{command.ticket, IoStatus::kOk, {}, 0};
+  if (command.blocks) {
+    done.status = ApplyKeptBlocks(command, sink, done.error);
+    if (done.status != IoStatus::kDamaged) return done;
+    Log(Severity::kError, "a block in memory is damaged; its journal file is read instead",
+        {{"group", command.group}, {"volume", command.volume}, {"why", done.error}});
+    done.error.clear();
+  }
   JournalReader file;
   done.error = file.Open(journal.PathOf(command.group, command.volume, command.n));
   if (!done.error.empty()) {
     done.status = IoStatus::kDamaged;  // it was whole once, and is lost
     return done;
   }
-  VolumeSink sink(*volume);
   done.status = ApplyDatasetFile(command, file, sink, done.error);
   return done;
 }

@@ -186,6 +186,19 @@ class WorkApply : public testing::Test {
   std::string Apply(Memory file) {
     std::string error;
     const IoStatus status = ApplyDatasetFile(m_command, file, m_volume, error);
+    return Show(status, error);
+  }
+  std::string ApplyKept(const std::vector<BlockPtr>& blocks) {
+    auto kept = std::make_shared<ArrivedBlocks>();
+    for (const BlockPtr& block : blocks) {
+      kept->push_back({block, static_cast<std::uint32_t>(RecordBytes(*block).size())});
+    }
+    m_command.blocks = kept;
+    std::string error;
+    const IoStatus status = ApplyKeptBlocks(m_command, m_volume, error);
+    return Show(status, error);
+  }
+  std::string Show(IoStatus status, const std::string& error) {
     std::string happened = m_volume.Out();
     if (status == IoStatus::kOk) return happened;
     return std::string(status == IoStatus::kDamaged ? "damaged: " : "no space: ") + error +
@@ -205,6 +218,24 @@ class WorkApply : public testing::Test {
 
 TEST_F(WorkApply, TheBlocksOfAFileAreWrittenInOrder) {
   EXPECT_EQ(Apply(File(Blocks())), "write 0+4096, write 8192+100");
+}
+
+TEST_F(WorkApply, BlocksInMemoryAreWrittenInOrder) {
+  EXPECT_EQ(ApplyKept(Blocks()), "write 0+4096, write 8192+100");
+}
+
+TEST_F(WorkApply, BlocksInMemoryAreCheckedAgain) {
+  const std::vector<BlockPtr> blocks = Blocks();
+  OM_DP::Body(*blocks[1])[40] ^= 1U;
+  const std::string happened = ApplyKept(blocks);
+  EXPECT_TRUE(Contains(happened, "damaged: "));
+  EXPECT_TRUE(Contains(happened, "after write 0+4096"));
+  EXPECT_FALSE(Contains(happened, "8192"));
+}
+
+TEST_F(WorkApply, BlocksInMemoryTellOfAVolumeWithoutRoom) {
+  m_volume.RefuseAfter(1);
+  EXPECT_EQ(ApplyKept(Blocks()), "no space: full after write 0+4096");
 }
 
 TEST_F(WorkApply, AFileWithoutBlocksIsApplied) { EXPECT_EQ(Apply(File({})), ""); }

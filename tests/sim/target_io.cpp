@@ -167,6 +167,7 @@ void TargetNode::VolumeCommands(TargetCommand& command) {
       m_world.Log("target: applies " + c.volume + " of " + std::to_string(c.n));
       SimSink sink(m_world, m_disk, VolumePath(c.volume),
                    dies ? m_world.rng.Below(4) : ~std::uint64_t{0});
+      if (c.blocks) return ApplyKeptBlocks(c, sink, done.error);
       return ApplyDatasetFile(c, file, sink, done.error);
     });
   } else if (auto* sync = std::get_if<SyncVolumes>(&command)) {

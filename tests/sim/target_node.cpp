@@ -2,6 +2,7 @@
 #include "tests/sim/target_node.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "engine/planted.h"
@@ -57,6 +58,8 @@ void TargetNode::Boot() {
   TargetConfig config;
   config.queueBytes = 1U << 20U;
   config.window = 256U << 10U;
+  // Nothing, little, or all that is not yet applied.
+  config.keepBytes = std::array<std::uint64_t, 3>{0, 16U << 10U, 1U << 30U}[m_world.rng.Below(3)];
   config.random = [this](std::span<std::uint8_t> out) { m_world.rng.Fill(out); };
   config.allows = [](const std::string& identity, const std::string&, const std::string& volume,
                      Right) { return identity != "rogue" || volume == "v0"; };
@@ -158,11 +161,13 @@ void TargetNode::Timer() {
 
 void TargetNode::CheckQuiet() {
   if (!Listens()) return;
+  SIM_CHECK(m_engine->m_keptBytes <= m_engine->m_config.keepBytes, "I7: more kept than configured");
   for (const auto& group : m_engine->m_groups) {
     const GroupState& state = group->m_state;
     const bool isQuiet = group->m_arrivals.empty() && group->m_applied == state.durable &&
                          state.flushed == state.durable && !group->m_committing &&
                          !group->m_syncing && group->m_changed.empty();
+    SIM_CHECK(!isQuiet || m_engine->m_keptBytes == 0, "I7: blocks are kept of what is applied");
     if (isQuiet && state.durable > 0) m_checker.Recovered(group->Status(), m_disk);
   }
 }
