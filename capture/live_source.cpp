@@ -14,6 +14,7 @@
 #include <limits>
 #include <utility>
 
+#include "replicator/block_memory.h"
 #include "replicator/log.h"
 #include "replicator/runner_common.h"
 
@@ -183,6 +184,7 @@ std::string LiveSource::ServeMetrics() {
 
 void LiveSource::TrimPayloads() {
   m_payloads->Trim();
+  TrimBlocks();
   m_loop->After(kTrimMs, [this] { TrimPayloads(); });
 }
 

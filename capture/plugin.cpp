@@ -18,6 +18,7 @@
 #include "capture/live_source.h"
 #include "capture/plugin_config.h"
 #include "penstock/version.h"
+#include "replicator/block_memory.h"
 #include "replicator/files.h"
 #include "replicator/keep_memory.h"
 #include "replicator/log.h"
@@ -69,6 +70,7 @@ int ConfigComplete() {
   penstock::LiveOptions options;
   auto fault = g_config.Finish(options);
   penstock::KeepFreedMemory(options.memory / 4);
+  penstock::PoolBlocks(options.memory);
   if (fault.empty()) fault = LiveSource::Open(std::move(options), g_source);
   return fault.empty() ? 0 : Refuse(fault);
 }

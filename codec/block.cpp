@@ -131,6 +131,11 @@ Bytes Gather(std::span<const Piece> pieces, std::size_t size) {
   return {buffer.data(), size};
 }
 
+BlockMemory& Memory() {
+  static BlockMemory memory;
+  return memory;
+}
+
 // Returns the compressed bytes in this thread's buffer, or nothing when it is not worth it.
 Bytes Compress(Bytes data, const CompressSpec& spec) {
   constexpr std::size_t kWorstCase =
@@ -144,9 +149,12 @@ Bytes Compress(Bytes data, const CompressSpec& spec) {
 
 }  // namespace
 
+void SetBlockMemory(BlockMemory memory) { Memory() = std::move(memory); }
+
 BlockPtr AllocateBlock(std::uint32_t length) {
-  const auto bytes =
-      std::make_shared_for_overwrite<std::uint8_t[]>(sizeof(OM_DP::CompressedData) + length);
+  const std::size_t size = sizeof(OM_DP::CompressedData) + length;
+  const BlockMemory& memory = Memory();
+  const auto bytes = memory ? memory(size) : std::make_shared_for_overwrite<std::uint8_t[]>(size);
   auto* const record = new (bytes.get()) OM_DP::CompressedData{};
   record->length = length;
   return {bytes, record};

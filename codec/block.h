@@ -11,7 +11,9 @@
 #ifndef PENSTOCK_CODEC_BLOCK_H_
 #define PENSTOCK_CODEC_BLOCK_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -57,6 +59,12 @@ struct CompressSpec {
 };
 
 using BlockPtr = std::shared_ptr<OM_DP::CompressedData>;
+
+// Gives the memory of a block: `bytes`, at least 1, with whatever is in them. Called by any thread.
+using BlockMemory = std::function<std::shared_ptr<std::uint8_t[]>(std::size_t bytes)>;
+// Where AllocateBlock gets memory from, instead of the allocator. REQUIRES: there is no block yet,
+// and no second thread.
+void SetBlockMemory(BlockMemory memory);
 
 // A record with room for `length` bytes of body, which are left as they are, for whoever fills all
 // of them: zeroing a megabyte first costs as much as copying half of it.

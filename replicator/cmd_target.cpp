@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "replicator/block_memory.h"
 #include "replicator/cmd.h"
 #include "replicator/files.h"
 #include "replicator/log.h"
@@ -117,6 +118,7 @@ int RunTarget(const TargetFlags& flags) {
   loop.OnSignals([&](int) { target.Stop(); });
   // From the loop: what it begins with may end the loop.
   loop.Post([&] { target.Start(callbacks); });
+  KeepTrimmingBlocks(loop);
   loop.Run();
   return code;
 }

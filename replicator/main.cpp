@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "penstock/version.h"
+#include "replicator/block_memory.h"
 #include "replicator/cmd.h"
 #include "replicator/keep_memory.h"
 #include "replicator/options.h"
@@ -45,6 +46,7 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   penstock::KeepFreedMemory(256U << 20U);
+  penstock::PoolBlocks(128U << 20U);
   try {
     return Main(argc, argv);
   } catch (const std::exception& error) {
