@@ -7,7 +7,7 @@ import json
 import os
 
 from replicate_copies import WHOLE, rounds
-from replicate_peers import CODECS, Link, Penstock, Place, Rsync
+from replicate_peers import CODECS, FloorCopy, Link, Penstock, Place, Rsync
 from replicate_report import median, mib
 from replicate_rig import (GIB, MIB, change_blocks, copy_file, demand_room, make_image,
                            repeat_image, room_in)
@@ -88,12 +88,16 @@ class Scale:
         print("\n## Growth with the image's size, seconds a GiB")
         print(f"\nOf each GiB the first {density:.0%} is data (the image's, repeated) and the rest"
               " a hole, in every size alike, so that all sizes and a copy fit into the folder. An"
-              " update changes nothing, so all of it is compared.")
+              " update changes nothing, so all of it is compared. The floor is the bare copy over"
+              " TCP of bench/floor_copy.cpp: what it grows by is the machine's, which may have to"
+              " get fresh memory from its host; the goal of a first copy is what is left of its"
+              " growth without that.")
         images = {}
         for size in sizes:
             images[size] = self.path(f"{size}.img")
             repeat_image(self.bench.image, images[size], size * GIB, density)
-        self._grow("size", {f"{size} GiB": ({"disk": path}, size) for size, path in images.items()})
+        self._grow("size", {f"{size} GiB": ({"disk": path}, size) for size, path in images.items()},
+                   self.make(FloorCopy, self.bench.ram, "none"))
         for path in images.values():
             os.remove(path)
 
@@ -130,23 +134,45 @@ class Scale:
                             os.pwrite(file.fileno(), data, at)
         return images
 
-    def _grow(self, section, kinds):
-        """`kinds`: by name, the images and how many GiB they are."""
-        report = self.bench.report
+    def _grow(self, section, kinds, floor=None):
+        """`kinds`: by name, the images and how many GiB they are. `floor` copies one image."""
         contender = self.make(Penstock, self.bench.ram)
-        samples = {what: {kind: [] for kind in kinds} for what in ("first copy", "update")}
-        for _ in range(self.bench.repetitions):
+        work = {"first copy": contender.first_of,
+                "update": lambda images: contender.update_of(images, images)}
+        if floor:
+            work = {"floor": lambda images: floor.first(*images.values()), **work}
+        samples = {what: {kind: [] for kind in kinds} for what in work}
+        for turn in range(self.bench.repetitions):
+            # Who comes first finds colder memory.
+            order = list(work.items())[::-1 if turn % 2 else 1]
             for kind, (images, _) in kinds.items():
-                samples["first copy"][kind].append(contender.first_of(images))
-                samples["update"][kind].append(contender.update_of(images, images))
-        print("\n| what | " + " | ".join(kinds) + " | most over the first | goal |")
-        print("|---" * (len(kinds) + 3) + "|")
+                for what, measure in order:
+                    samples[what][kind].append(measure(images))
+        print("\n| what | " + " | ".join(kinds) + " | most over the first |"
+              + (" without the floor's |" if floor else "") + " goal |")
+        print("|---" * (len(kinds) + (4 if floor else 3)) + "|")
+        grown = {}
         for what, by_kind in samples.items():
-            report.keep(f"growth with {section}, {what}", by_kind)
+            self.bench.report.keep(f"growth with {section}, {what}", by_kind)
             each = [median(by_kind[kind]) / gib for kind, (_, gib) in kinds.items()]
-            shown = report.goal(f"growth with {section}, {what}", max(each) / each[0], GROWTH_GOAL)
-            print(f"| {what} | " + " | ".join(f"{value:.2f}" for value in each)
-                  + f" | {shown} | {GROWTH_GOAL} |", flush=True)
+            grown[what] = [value / each[0] for value in each]
+            print(f"| {what} | " + " | ".join(f"{value:.2f}" for value in each) + " | "
+                  + self._show_growth(section, what, grown) + " |", flush=True)
+
+    def _show_growth(self, section, what, grown):
+        """The last cells of a row: the growth, and what is left of it without the floor's where
+        that does the same. `grown`: by what is done, for each size, how many times the first."""
+        name = f"growth with {section}, {what}"
+        most = max(grown[what])
+        if "floor" not in grown:
+            return f"{self.bench.report.goal(name, most, GROWTH_GOAL)} | {GROWTH_GOAL}"
+        if what == "floor":
+            return f"{most:.2f} | |"
+        if what == "update":  # nothing is written: the machine has no part in it
+            return f"{self.bench.report.goal(name, most, GROWTH_GOAL)} | | {GROWTH_GOAL}"
+        own = max(mine / max(its, 1) for mine, its in zip(grown[what], grown["floor"]))
+        shown = self.bench.report.goal(name + ", without the floor's", own, GROWTH_GOAL)
+        return f"{most:.2f} | {shown} | {GROWTH_GOAL}"
 
     # --- Small datasets. ---
 
