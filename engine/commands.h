@@ -23,7 +23,9 @@
 
 namespace penstock {
 
-using ConnId = std::uint64_t;  // chosen by the engine's surroundings, never used twice
+// Chosen by the engine's surroundings, never used twice; at the target, those of later connections
+// are higher.
+using ConnId = std::uint64_t;
 using Ticket = std::uint64_t;  // chosen by the engine, never used twice
 using Millis = std::uint64_t;  // steady, from any start
 

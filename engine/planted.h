@@ -41,6 +41,7 @@ enum class Fault : std::uint8_t {
   kSpoolGap,             // what the spool has behind a gap is sent
   kSpoolAge,             // a spool that was given up is read again
   kKeptUnchecked,        // after a stop what is marked is not compared though the spool lost some
+  kLateHello,            // a HELLO of a connection that is long gone takes the group up
 };
 
 inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaults = {{
@@ -57,7 +58,7 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaul
     {Fault::kRecoverySkipsLast, "recovery-skips-the-last-dataset"},
     {Fault::kEndCountUnchecked, "end-without-count-check"},
 }};
-inline constexpr std::array<std::pair<Fault, std::string_view>, 14> kPlantedLiveFaults = {{
+inline constexpr std::array<std::pair<Fault, std::string_view>, 15> kPlantedLiveFaults = {{
     {Fault::kMarkAfterWrite, "mark-after-the-write"},
     {Fault::kClearBeforeFlushed, "clear-before-flushed"},
     {Fault::kClearBeforeSync, "clear-before-the-volume-is-synced"},
@@ -72,6 +73,7 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 14> kPlantedLive
     {Fault::kSpoolGap, "spool-sent-behind-a-gap"},
     {Fault::kSpoolAge, "spool-of-another-age"},
     {Fault::kKeptUnchecked, "kept-though-the-spool-lost-some"},
+    {Fault::kLateHello, "late-hello-takes-the-group-up"},
 }};
 
 #ifdef PENSTOCK_PLANTED_FAULTS

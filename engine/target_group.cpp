@@ -90,6 +90,12 @@ void TargetGroup::Greet(ConnId conn, const std::string& identity, const Hello& h
       return Refuse(conn, ErrorCode::kFenced,
                     "a newer source has the group since epoch " + std::to_string(m_epoch));
     }
+    if (conn < m_newest && !Planted(Fault::kLateHello)) {
+      // Its source gave it up long ago, or says HELLO again. Were it let in, the source that has
+      // the group would be fenced, maybe by a HELLO of its own that the network had held back.
+      return Refuse(conn, ErrorCode::kBusy, "a newer connection was let in meanwhile");
+    }
+    m_newest = conn;
     if (m_source != 0) {
       const ConnId old = m_source;
       if (hello.epoch == 0) {

@@ -150,6 +150,7 @@ class TargetGroup {
 
   std::map<ConnId, TargetPeer> m_peers;
   ConnId m_source = 0;                            // the peer that replicates
+  ConnId m_newest = 0;                            // the newest that ever did, since the start
   Progress m_progress;                            // what a source said of itself last
   std::map<std::string, std::uint64_t> m_passed;  // by volume, of m_progress
   std::deque<ConnId> m_greetings;  // peers to be welcomed: their volumes are being opened

@@ -172,6 +172,48 @@ TEST_F(TargetGreeting, ANewSourceRaisesTheEpochAndFencesTheOneBefore) {
   EXPECT_EQ(Run(), "WELCOME epoch 2 at 0/0/0 new");
 }
 
+TEST_F(TargetGreeting, AHelloThatWasHeldBackTakesNothingOver) {
+  Boot();
+  Connect(1);
+  Connect(2);
+  Send(Encode(HelloOf({"a"})));
+  ASSERT_TRUE(Contains(Run(), "WELCOME epoch 1"));
+  m_conn = 1;
+  EXPECT_EQ(Send(Encode(HelloOf({"a"}))),
+            "ERROR busy: a newer connection was let in meanwhile, dropped");
+  EXPECT_EQ(Status().state.epoch, 1U);
+  EXPECT_EQ(Refused(), 0U) << "not a damaged or forbidden input";
+  m_conn = 2;
+  EXPECT_TRUE(Contains(Joined({Dataset(1), Run()}), "ACK 1")) << "the source goes on";
+}
+
+TEST_F(TargetGreeting, AHelloThatWasHeldBackIsKnownWhenTheNewerConnectionIsGone) {
+  Boot();
+  Connect(1);
+  Connect(2);
+  Send(Encode(HelloOf({"a"})));
+  Run();
+  Gone();
+  Run();
+  m_conn = 1;
+  EXPECT_EQ(Send(Encode(HelloOf({"a"}, 1))),
+            "ERROR busy: a newer connection was let in meanwhile, dropped");
+  EXPECT_TRUE(Contains(Joined({Hello({"a"}, 1), Run()}), "WELCOME epoch 1"))
+      << "the source comes again in its epoch";
+}
+
+TEST_F(TargetGreeting, AnOlderConnectionMayStillVerify) {
+  Boot();
+  Connect(1);
+  Connect(2);
+  Send(Encode(HelloOf({"a"})));
+  Run();
+  m_conn = 1;
+  struct Hello hello = HelloOf({"a"});
+  hello.purpose = Purpose::kVerify;
+  EXPECT_TRUE(Contains(Joined({Send(Encode(hello)), Run()}), "WELCOME"));
+}
+
 TEST_F(TargetGreeting, AnOlderEpochIsFenced) {
   Online();
   Hello();

@@ -81,6 +81,7 @@ class LiveRun {
     m_rot = m_world.rng.Chance(0.3) ? 0.6 : 0;
     m_away = m_world.rng.Chance(0.6) ? 0.03 : 0;
     m_leave = m_world.rng.Chance(0.5) ? 0.05 : 0;
+    m_takeOver = m_world.rng.Chance(0.2) ? 0.02 : 0;
   }
 
   void Act() {
@@ -100,7 +101,14 @@ class LiveRun {
       if (m_world.Strikes(m_rot)) m_source->DamageSpool();
       m_source->Boot();
     }
-    if (m_source->IsStopped() && m_world.rng.Chance(0.3)) m_source->TakeOver();
+    CheckGoesOn();
+    if (m_world.Strikes(m_takeOver)) m_source->TakeOver();
+  }
+
+  // There is no other source: nothing may fence it, a late HELLO of its own neither.
+  void CheckGoesOn() {
+    SIM_CHECK(!m_source->IsStopped(),
+              "I4: the source stopped: " + m_source->engine()->Status().failure);
   }
 
   void Restart() {
@@ -116,8 +124,7 @@ class LiveRun {
     while (m_world.Now().steady < end) {
       m_world.RunUntil(m_world.Now().steady + 50);
       if (!m_source->IsUp()) m_source->Boot();
-      // A late HELLO of its own may have fenced it.
-      if (m_source->IsStopped()) m_source->TakeOver();
+      CheckGoesOn();
       m_source->Pause(false);
       if (m_source->IsLeaving()) {
         m_source->TryLeave();
@@ -142,7 +149,7 @@ class LiveRun {
     m_world.RunUntil(m_world.Now().steady + 1'000);
     Restart();
     for (int i = 0; i < 200 && !m_source->capture()->IsRecording(); ++i) {
-      if (m_source->IsStopped()) return;  // fenced by a late HELLO of its own
+      CheckGoesOn();
       m_world.RunUntil(m_world.Now().steady + 200);
     }
     SIM_CHECK(m_source->capture()->IsRecording(), "I4: a source that stopped does not come back");
@@ -186,6 +193,7 @@ class LiveRun {
   double m_away = 0;
   double m_rot = 0;
   double m_leave = 0;
+  double m_takeOver = 0;  // an operator has the source take the group up anew
   std::unique_ptr<Checker> m_checker;
   std::unique_ptr<TargetNode> m_target;
   std::unique_ptr<LiveNode> m_source;
