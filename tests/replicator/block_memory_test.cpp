@@ -15,59 +15,59 @@
 namespace penstock {
 namespace {
 
-constexpr std::size_t kLargest = sizeof(OM_DP::CompressedData) + kMaxBodyBytes;
-constexpr std::size_t kLarge = std::size_t{1} << 20U;
-constexpr std::uint64_t kKeep = 8 * (kLargest + 64);
+constexpr std::size_t kLargestPiece = sizeof(OM_DP::CompressedData) + kMaxBodyBytes;
+constexpr std::size_t kMegabyte = std::size_t{1} << 20U;
+constexpr std::uint64_t kEightPieces = 8 * (kLargestPiece + 64);
 
 TEST(BlockMemory, ALargePieceIsUsedAgain) {
-  BlockPieces pieces(kKeep);
-  auto first = pieces.Take(kLarge);
+  BlockPieces pieces(kEightPieces);
+  auto first = pieces.Take(kMegabyte);
   const std::uint8_t* const place = first.get();
   first.reset();
   EXPECT_EQ(pieces.Kept(), 1U);
-  EXPECT_EQ(pieces.Take(kLargest).get(), place) << "a piece fits every block";
+  EXPECT_EQ(pieces.Take(kLargestPiece).get(), place) << "a piece fits every block";
 }
 
 TEST(BlockMemory, OneThatStaysHoldsBackNoOther) {
-  BlockPieces pieces(kKeep);
+  BlockPieces pieces(kEightPieces);
   std::vector<std::shared_ptr<std::uint8_t[]>> held;
-  for (int i = 0; i < 8; ++i) held.push_back(pieces.Take(kLarge));
+  for (int i = 0; i < 8; ++i) held.push_back(pieces.Take(kMegabyte));
   const auto stays = held[3];
   held.clear();
   EXPECT_EQ(pieces.Kept(), 7U);
 }
 
 TEST(BlockMemory, AllOfAPieceCanBeWritten) {
-  BlockPieces pieces(kKeep);
+  BlockPieces pieces(kEightPieces);
   std::vector<std::shared_ptr<std::uint8_t[]>> held;
   for (std::uint8_t i = 0; i < 4; ++i) {
-    held.push_back(pieces.Take(kLargest));
-    std::fill_n(held.back().get(), kLargest, i);
+    held.push_back(pieces.Take(kLargestPiece));
+    std::fill_n(held.back().get(), kLargestPiece, i);
   }
   for (std::uint8_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(std::count(held[i].get(), held[i].get() + kLargest, i),
-              static_cast<std::ptrdiff_t>(kLargest));
+    EXPECT_EQ(std::count(held[i].get(), held[i].get() + kLargestPiece, i),
+              static_cast<std::ptrdiff_t>(kLargestPiece));
   }
 }
 
 TEST(BlockMemory, ASmallOneTakesNoPiece) {
-  BlockPieces pieces(kKeep);
+  BlockPieces pieces(kEightPieces);
   pieces.Take(4096).reset();
-  pieces.Take(kLargest / 2).reset();
+  pieces.Take(kLargestPiece / 2).reset();
   EXPECT_EQ(pieces.Kept(), 0U);
 }
 
 TEST(BlockMemory, WhatNoBlockHasTakesNoPiece) {
-  BlockPieces pieces(kKeep);
-  const auto larger = pieces.Take(kLargest + 64);
-  std::fill_n(larger.get(), kLargest + 64, std::uint8_t{1});
+  BlockPieces pieces(kEightPieces);
+  const auto larger = pieces.Take(kLargestPiece + 64);
+  std::fill_n(larger.get(), kLargestPiece + 64, std::uint8_t{1});
   EXPECT_EQ(larger.use_count(), 1);
 }
 
 TEST(BlockMemory, NoMoreIsKeptThanAsked) {
-  BlockPieces pieces(kKeep);
+  BlockPieces pieces(kEightPieces);
   std::vector<std::shared_ptr<std::uint8_t[]>> held;
-  for (int i = 0; i < 20; ++i) held.push_back(pieces.Take(kLarge));
+  for (int i = 0; i < 20; ++i) held.push_back(pieces.Take(kMegabyte));
   held.clear();
   EXPECT_EQ(pieces.Kept(), 8U);
   pieces.Trim();

@@ -16,14 +16,14 @@
 namespace penstock {
 namespace {
 
-constexpr std::uint64_t kVolumeBytes = 16384;
+constexpr std::uint64_t kCopyBytes = 16384;
 
 class TargetApply : public testing::Test {
  protected:
   TargetApply() : m_journal(m_folder.Path()), m_volumes(m_folder / "volumes", {}) {
     EXPECT_EQ(m_journal.Prepare(), "");
     EXPECT_EQ(MakePrivate(m_folder / "volumes"), "");
-    EXPECT_EQ(m_volumes.Open({1, "g", "a", kVolumeBytes}).error, "");
+    EXPECT_EQ(m_volumes.Open({1, "g", "a", kCopyBytes}).error, "");
     const std::vector<std::uint8_t> data(4096, 'x');
     const Piece piece{4096, data};
     m_block = PackBlock(0, {&piece, 1}, {});
@@ -41,13 +41,13 @@ class TargetApply : public testing::Test {
     std::memcpy(reinterpret_cast<std::uint8_t*>(start.get()) + sizeof(OM_DP::DatasetStartv2), &id,
                 sizeof(id));
     EXPECT_EQ(m_journal.Open({1, "g", "a", 7, start}).error, "");
-    EXPECT_EQ(m_journal.Append({2, "g", "a", 7, m_block, Size(), kVolumeBytes}).error, "");
+    EXPECT_EQ(m_journal.Append({2, "g", "a", 7, m_block, Size(), kCopyBytes}).error, "");
     EXPECT_EQ(m_journal.Close({3, "g", "a", 7}).error, "");
   }
   std::uint32_t Size() const { return static_cast<std::uint32_t>(RecordBytes(*m_block).size()); }
 
   IoDone Apply(bool fromMemory) {
-    ApplyFile apply{4, "g", "a", 7, kVolumeBytes, {}};
+    ApplyFile apply{4, "g", "a", 7, kCopyBytes, {}};
     if (fromMemory)
       apply.blocks = std::make_shared<ArrivedBlocks>(1, ArrivedBlock{m_block, Size()});
     return m_volumes.Apply(apply, m_journal);
