@@ -90,8 +90,7 @@ class Scale:
               " a hole, in every size alike, so that all sizes and a copy fit into the folder. An"
               " update changes nothing, so all of it is compared. The floor is the bare copy over"
               " TCP of bench/floor_copy.cpp: what it grows by is the machine's, which may have to"
-              " get fresh memory from its host; the goal of a first copy is what is left of its"
-              " growth without that.")
+              " get fresh memory from its host.")
         images = {}
         for size in sizes:
             images[size] = self.path(f"{size}.img")
@@ -148,31 +147,18 @@ class Scale:
             for kind, (images, _) in kinds.items():
                 for what, measure in order:
                     samples[what][kind].append(measure(images))
-        print("\n| what | " + " | ".join(kinds) + " | most over the first |"
-              + (" without the floor's |" if floor else "") + " goal |")
-        print("|---" * (len(kinds) + (4 if floor else 3)) + "|")
-        grown = {}
+        print("\n| what | " + " | ".join(kinds) + " | most over the first | goal |")
+        print("|---" * (len(kinds) + 3) + "|")
         for what, by_kind in samples.items():
             self.bench.report.keep(f"growth with {section}, {what}", by_kind)
             each = [median(by_kind[kind]) / gib for kind, (_, gib) in kinds.items()]
-            grown[what] = [value / each[0] for value in each]
-            print(f"| {what} | " + " | ".join(f"{value:.2f}" for value in each) + " | "
-                  + self._show_growth(section, what, grown) + " |", flush=True)
-
-    def _show_growth(self, section, what, grown):
-        """The last cells of a row: the growth, and what is left of it without the floor's where
-        that does the same. `grown`: by what is done, for each size, how many times the first."""
-        name = f"growth with {section}, {what}"
-        most = max(grown[what])
-        if "floor" not in grown:
-            return f"{self.bench.report.goal(name, most, GROWTH_GOAL)} | {GROWTH_GOAL}"
-        if what == "floor":
-            return f"{most:.2f} | |"
-        if what == "update":  # nothing is written: the machine has no part in it
-            return f"{self.bench.report.goal(name, most, GROWTH_GOAL)} | | {GROWTH_GOAL}"
-        own = max(mine / max(its, 1) for mine, its in zip(grown[what], grown["floor"]))
-        shown = self.bench.report.goal(name + ", without the floor's", own, GROWTH_GOAL)
-        return f"{most:.2f} | {shown} | {GROWTH_GOAL}"
+            most, goal = max(each) / each[0], ""
+            shown = f"{most:.2f}"
+            if what != "floor":
+                goal = GROWTH_GOAL
+                shown = self.bench.report.goal(f"growth with {section}, {what}", most, goal)
+            print(f"| {what} | " + " | ".join(f"{value:.2f}" for value in each)
+                  + f" | {shown} | {goal} |", flush=True)
 
     # --- Small datasets. ---
 

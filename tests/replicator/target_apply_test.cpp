@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "replicator/files.h"
 #include "replicator/runner_journal.h"
 #include "replicator/runner_volumes.h"
 #include "tests/replicator/rig.h"
@@ -22,7 +23,7 @@ class TargetApply : public testing::Test {
  protected:
   TargetApply() : m_journal(m_folder.Path()), m_volumes(m_folder / "volumes", {}) {
     EXPECT_EQ(m_journal.Prepare(), "");
-    EXPECT_EQ(MakePrivate(m_folder / "volumes"), "");
+    EXPECT_EQ(MakePrivateDirectory(m_folder / "volumes"), "");
     EXPECT_EQ(m_volumes.Open({1, "g", "a", kCopyBytes}).error, "");
     const std::vector<std::uint8_t> data(4096, 'x');
     const Piece piece{4096, data};
@@ -30,9 +31,6 @@ class TargetApply : public testing::Test {
     WriteFile();
   }
 
-  static std::string MakePrivate(const std::string& path) {
-    return ::mkdir(path.c_str(), 0700) == 0 ? "" : "can't make " + path;
-  }
   void WriteFile() {
     const UuidT id = VolumeId("g", "a");
     auto start = OM_DP::MakeDatasetStartv2(1);
