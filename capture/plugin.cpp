@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/hang_up.h"
 #include "capture/live_source.h"
 #include "capture/plugin_config.h"
 #include "penstock/version.h"
@@ -31,6 +32,7 @@ using penstock::LiveSource;
 
 penstock::PluginConfig g_config;
 std::unique_ptr<LiveSource> g_source;
+std::unique_ptr<penstock::HangUp> g_hangUp;
 
 // An open export.
 struct Export {
@@ -75,13 +77,17 @@ int ConfigComplete() {
   return fault.empty() ? 0 : Refuse(fault);
 }
 
-// Threads don't outlive a fork: they are made behind it.
+// Threads don't outlive a fork: they are made behind it. The sockets that nbdkit listens on are
+// there by now, and the source's own are not.
 int AfterFork() {
-  const auto fault = g_source->Start();
+  g_hangUp = std::make_unique<penstock::HangUp>();
+  auto fault = g_hangUp->Start();
+  if (fault.empty()) fault = g_source->Start();
   return fault.empty() ? 0 : Refuse(fault);
 }
 
 void Cleanup() {
+  g_hangUp.reset();
   if (g_source) g_source->Stop();
 }
 

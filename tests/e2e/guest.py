@@ -4,6 +4,7 @@ import fcntl
 import json
 import os
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -36,6 +37,12 @@ def wait_for(condition, what, limit=LIMIT):
         time.sleep(0.02)
 
 
+def free_port():
+    """Of the loopback, which nobody else will take in the next moment."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        return server.getsockname()[1]
+
+
 class Served:
     """penstock serve on volumes; what it says goes to a file in its folder."""
 
@@ -45,6 +52,7 @@ class Served:
         self.log = os.path.join(folder, os.path.basename(state) + ".log")
         self._sink = open(self.log, "a", encoding="utf-8")
         self.socket = os.path.join(self.state, "nbd.sock")
+        self.nbd = dict(zip(more, more[1:])).get("--nbd", "unix:" + self.socket)
         self._process = subprocess.Popen(self.command(address, volumes, more, security),
                                          stdout=subprocess.DEVNULL, stderr=self._sink)
 
@@ -81,7 +89,11 @@ class Served:
             client.set_opt_mode(True)
         else:
             client.set_export_name(volume)
-        client.connect_unix(self.socket)
+        if self.nbd.startswith("unix:"):
+            client.connect_unix(self.nbd.removeprefix("unix:"))
+        else:
+            host, port = self.nbd.rsplit(":", 1)
+            client.connect_tcp(host.strip("[]"), port)
         return Guest(client)
 
     def status(self):

@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """penstock serve: what a guest writes gets to the target, whatever happens to either."""
 import os
+import random
 import signal
 import threading
 
-from guest import NBDKIT, Served, wait_for
-from rig import BLOCK, MIB, Rig, main, run
+from guest import NBDKIT, Served, free_port, nbd, wait_for
+from rig import BLOCK, LIMIT, MIB, Rig, main, run
 
 SMALL = ("--memory", "16M", "--max-dataset", "2M", "--interval", "100ms")
 
@@ -170,6 +171,57 @@ class Live(Rig):
         self.assert_followed(served)
         status = served.status()
         self.assertEqual(status["rawBytes"], 0, "what was sent is from the spool alone")
+
+    def test_a_stop_does_not_wait_for_idle_guests(self):
+        self.image("v.img", 8 * MIB)
+        _, address = self.target()
+        port = free_port()
+        for at in ("unix:" + self.path("nbd.sock"), f"127.0.0.1:{port}", f"[::1]:{port}"):
+            served = self.serve(address, *SMALL, "--nbd", at)
+            idle = served.guest("v")
+            idle.pwrite(self.random.randbytes(BLOCK), 0)
+            self.assertEqual(served.end(), 0)
+            self.assertIn("stopped; the target has everything", served.said())
+            self.assertTrue(self.read("v.img") == self.copy())
+            self.assertRaises(nbd.Error, idle.pread, BLOCK, 0)
+
+    def test_a_stop_within_traffic_loses_nothing_that_was_answered(self):
+        size = 8 * MIB
+        self.image("v.img", size)
+        _, address = self.target()
+        served = self.serve(address, *SMALL)
+        self.first_copy(served)
+        answered = {}
+        writing = threading.Semaphore(0)
+
+        def write(place):
+            guest = served.guest("v")
+            data = random.Random(place)
+            try:
+                while True:
+                    block = data.randbytes(BLOCK)
+                    guest.pwrite(block, place * BLOCK)
+                    answered[place] = block
+                    writing.release()
+            except nbd.Error:
+                pass
+
+        threads = [threading.Thread(target=write, args=(place,)) for place in range(4)]
+        for thread in threads:
+            thread.start()
+        for _ in range(200):
+            writing.acquire()
+        self.assertEqual(served.end(), 0)
+        for thread in threads:
+            thread.join(LIMIT)
+        self.assertIn("stopped; the target has everything", served.said())
+        volume = self.read("v.img")
+        self.assertTrue(volume == self.copy())
+        for place, block in answered.items():
+            # One that was under way when its client was cut off may be there, too.
+            after = random.Random(place)
+            then = next(b for b in iter(lambda: after.randbytes(BLOCK), None) if b == block)
+            self.assertIn(volume[place * BLOCK:][:BLOCK], (then, after.randbytes(BLOCK)))
 
     def test_after_a_kill_only_what_is_marked_is_compared(self):
         self.image("v.img", 32 * MIB)
