@@ -125,8 +125,10 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   for (std::size_t i = 0; i < m_volumes.size(); ++i) {
     const auto volume = static_cast<std::uint8_t>(i);
     if (auto fault = m_volumes[i]->map->Load(*m_capture, volume); !fault.empty()) return fault;
-    if (state.kept == 0 || !m_volumes[i]->map->WasWhole()) continue;
-    m_capture->TakeStale(volume, state.kept, std::numeric_limits<std::uint64_t>::max());
+    if (state.kept != 0 && m_volumes[i]->map->WasWhole()) {
+      m_capture->TakeStale(volume, state.kept, std::numeric_limits<std::uint64_t>::max());
+    }
+    if (state.age != 0) ForgetPages(volume);
   }
   m_store = std::make_shared<DiskStore>(m_options.stateDirectory, m_options.spoolDirectory,
                                         m_options.group, state, m_volumes);
@@ -142,6 +144,18 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
   m_config.spoolBytes = m_options.spoolBytes;
   m_config.interval = m_options.intervalMs;
   return m_store->Prepare(m_config.spooled);
+}
+
+// What is compared after a start is what the disk has. When a sync failed in the life before, the
+// system may take pages for clean that the disk never got: what is read of them would vanish with
+// the power, at this end only.
+void LiveSource::ForgetPages(std::uint8_t volume) {
+  if (m_capture->StaleBytes(volume) == 0) return;
+  VolumeFile& file = *m_volumes[volume]->file;
+  // Pages that are not clean would stay. A sync that fails is told to whoever asks for the next
+  // one.
+  if (const auto fault = file.Sync(); !fault.empty()) Log(Severity::kError, fault);
+  file.ForgetPages();
 }
 
 LiveSource::~LiveSource() { Stop(); }

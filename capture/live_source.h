@@ -82,6 +82,7 @@ class LiveSource {
 
   explicit LiveSource(LiveOptions options) : m_options(std::move(options)) {}
   std::string OpenVolumes(const SourceState& state);
+  void ForgetPages(std::uint8_t volume);
   template <class Change>
   int Carry(std::size_t index, CapturedWrite write, bool sync, Clock::time_point begin,
             const Change& change);

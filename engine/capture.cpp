@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/capture.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "codec/compare.h"
@@ -60,7 +62,10 @@ bool Capture::Captured(CapturedWrite write) {
 
 void Capture::Failed(std::uint8_t volume, std::uint64_t offset, std::uint64_t length) {
   const std::lock_guard lock(m_mutex);
-  m_maps.at(volume).End(offset, length, 0);
+  ChangeMap& map = m_maps.at(volume);
+  if (Planted(Fault::kRefusedForgotten)) return map.End(offset, length, m_open);
+  if (m_recording) return map.Refuse(offset, length, m_open);
+  map.End(offset, length, 0);
 }
 
 // --- Saving. ---
@@ -117,7 +122,7 @@ std::uint64_t Capture::Marks() const {
 std::uint64_t Capture::TotalStale() const {
   const std::lock_guard lock(m_mutex);
   std::uint64_t bytes = 0;
-  for (const ChangeMap& map : m_maps) bytes += map.StaleBytes();
+  for (const ChangeMap& map : m_maps) bytes += map.StaleBytes() + map.RefusedBytes();
   return bytes;
 }
 
@@ -197,6 +202,28 @@ std::vector<ChangeMap::Range> Capture::TakeStale(std::uint8_t volume, std::uint6
   m_placeOf.emplace(n, place);
   m_pending.insert(place);
   return map.TakeStale(place, most, kWindowBytes);
+}
+
+bool Capture::HasRefused() const {
+  const std::lock_guard lock(m_mutex);
+  return std::ranges::any_of(m_maps, [](const auto& map) { return map.RefusedBytes() > 0; });
+}
+
+ChangeMap::Range Capture::NextRefused(std::uint8_t volume, std::uint64_t from,
+                                      std::uint64_t most) const {
+  const std::lock_guard lock(m_mutex);
+  return m_maps.at(volume).NextRefused(from, most);
+}
+
+// A write that was captured before, and is sent behind the comparison, would bring back what was
+// there before the refused one.
+bool Capture::CompareRefused() {
+  const std::lock_guard lock(m_mutex);
+  const bool isOrdered = m_writes.empty() || Planted(Fault::kRefusedTooEarly);
+  const Place before = isOrdered ? std::numeric_limits<Place>::max() : m_open;
+  bool any = false;
+  for (ChangeMap& map : m_maps) any = map.CompareRefused(before) || any;
+  return any;
 }
 
 void Capture::Flushed(std::uint64_t n) {

@@ -64,7 +64,8 @@ class Capture : public SourceFeed {
   std::uint64_t BeginWrite(std::uint8_t volume, std::uint64_t offset, std::uint64_t length);
   // Returns whether a dataset should be closed now, because enough is in it: true once for each.
   bool Captured(CapturedWrite write);
-  // The volume did not take it as a whole: what it holds now has to be compared.
+  // The volume did not take it as a whole, and can't say what it holds now: that has to be
+  // compared.
   void Failed(std::uint8_t volume, std::uint64_t offset, std::uint64_t length);
 
   // --- Saving the maps. ---
@@ -83,8 +84,8 @@ class Capture : public SourceFeed {
   bool Drains() const { return m_drains.load(std::memory_order_relaxed); }  // see Carried
   std::uint64_t Writes() const;
   std::uint64_t BytesWritten() const;
-  std::uint64_t Marks() const;  // saves that a write had to wait for
-  std::uint64_t TotalStale() const;
+  std::uint64_t Marks() const;       // saves that a write had to wait for
+  std::uint64_t TotalStale() const;  // bytes that have to be compared, now or when they can be read
 
   // --- The engine's side. ---
 
@@ -97,6 +98,10 @@ class Capture : public SourceFeed {
   void Carried(std::uint64_t writes, std::uint64_t comparisons, bool drains) override;
   std::vector<ChangeMap::Range> TakeStale(std::uint8_t volume, std::uint64_t n,
                                           std::uint64_t most) override;
+  bool HasRefused() const override;
+  ChangeMap::Range NextRefused(std::uint8_t volume, std::uint64_t from,
+                               std::uint64_t most) const override;
+  bool CompareRefused() override;
   void Flushed(std::uint64_t n) override;
   std::size_t ColdExtents() const override;
   void BeginClear() override;

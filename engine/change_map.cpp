@@ -143,6 +143,7 @@ void ChangeMap::MarkAll() {
   // What has to be compared stays marked: it is neither hot nor cold.
   m_hot.clear();
   m_cold.clear();
+  m_refused.clear();
   std::erase_if(m_known, [](const auto& known) { return known.second.kind != Kind::kBusy; });
 }
 
@@ -184,8 +185,45 @@ void ChangeMap::End(std::uint64_t offset, std::uint64_t length, std::uint64_t n)
   }
 }
 
+void ChangeMap::Refuse(std::uint64_t offset, std::uint64_t length, std::uint64_t n) {
+  for (std::uint64_t extent = offset / m_extentBytes; extent <= Last(offset, length); ++extent) {
+    --m_known.at(extent).writers;
+    m_refused[extent] = n;
+  }
+}
+
+bool ChangeMap::CompareRefused(std::uint64_t n) {
+  return std::erase_if(m_refused, [&](const auto& refused) {
+           const auto [extent, since] = refused;
+           if (since < n) MakeStale(extent);
+           return since < n;
+         }) > 0;
+}
+
+std::uint64_t ChangeMap::RefusedBytes() const {
+  std::uint64_t bytes = 0;
+  for (const auto& [extent, since] : m_refused) bytes += PartOf(extent, 0).length;
+  return bytes;
+}
+
+ChangeMap::Range ChangeMap::NextRefused(std::uint64_t from, std::uint64_t most) const {
+  for (auto place = m_refused.lower_bound(from / m_extentBytes); place != m_refused.end();
+       ++place) {
+    const auto [offset, length] = PartOf(place->first, from);
+    if (length > 0) return {offset, std::min(most, length)};
+  }
+  return {};
+}
+
+ChangeMap::Range ChangeMap::PartOf(std::uint64_t extent, std::uint64_t from) const {
+  const std::uint64_t offset = std::max(from, extent * m_extentBytes);
+  const std::uint64_t end = std::min(m_volumeBytes, (extent + 1) * m_extentBytes);
+  return {offset, end - std::min(offset, end)};
+}
+
 // Moves a busy extent on, if it is not busy any more. May forget `state`.
 void ChangeMap::Heat(std::uint64_t extent, Extent& state) {
+  if (m_refused.contains(extent)) return;
   if (state.n > m_flushed || (state.writers > 0 && !Planted(Fault::kClearUnderWriter))) return;
   if (Has(m_stale, extent)) {
     m_known.erase(extent);
@@ -213,6 +251,7 @@ void ChangeMap::Flushed(std::uint64_t n) {
 }
 
 void ChangeMap::Lose() {
+  CompareRefused(std::numeric_limits<std::uint64_t>::max());
   for (auto place = m_known.begin(); place != m_known.end();) {
     auto& [extent, state] = *place;
     if (state.kind == Kind::kBusy && state.n > m_flushed && !Planted(Fault::kOverflowForgets)) {
@@ -276,9 +315,8 @@ void ChangeMap::EndClear() {
 
 std::uint64_t ChangeMap::StaleBytes() const {
   const std::uint64_t last = m_extents - 1;
-  const std::uint64_t tail = m_volumeBytes - last * m_extentBytes;
   const std::uint64_t whole = m_staleCount * m_extentBytes;
-  return m_staleCount > 0 && Has(m_stale, last) ? whole - m_extentBytes + tail : whole;
+  return Has(m_stale, last) ? whole - m_extentBytes + PartOf(last, 0).length : whole;
 }
 
 // --- Saving. ---

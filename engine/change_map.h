@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <list>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -57,6 +58,8 @@ std::uint64_t MapSectors(std::uint64_t volumeBytes, std::uint64_t extentBytes);
 //   hot       marked; the target has it, too
 //   cold      marked; the target has it, and it may be cleared
 //   stale     marked; something of it is in no dataset: it has to be compared
+//   refused   busy; what a refused write left there could not be read, so that it is in no dataset
+//             either: it becomes stale once it can be, and once the writes before it are sent
 //
 // It has no I/O: its owner writes the sectors of TakeUnsaved, syncs them and says Saved.
 // Threads: one at a time.
@@ -90,6 +93,16 @@ class ChangeMap {
   std::uint64_t Begin(std::uint64_t offset, std::uint64_t length);
   // It has reached the volume, and dataset n. 0: no dataset has it, the extents are stale.
   void End(std::uint64_t offset, std::uint64_t length, std::uint64_t n);
+
+  // The volume refused it, and what it left is in no dataset: the extents are refused from dataset
+  // n on, the one that is open.
+  void Refuse(std::uint64_t offset, std::uint64_t length, std::uint64_t n);
+  // Makes those stale that were refused before dataset n was open. Returns whether there were any.
+  bool CompareRefused(std::uint64_t n);
+  std::uint64_t RefusedBytes() const;
+  // The first refused bytes from `from` on, of one extent, at most `most`; length 0: there are
+  // none.
+  Range NextRefused(std::uint64_t from, std::uint64_t most) const;
 
   // What has to be written. At most one save is under way.
   bool HasUnsaved() const { return !m_unsaved.empty(); }
@@ -148,6 +161,8 @@ class ChangeMap {
   void CoolOne();
   void MakeStale(std::uint64_t extent);
   Extent& Touch(std::uint64_t extent);
+  // The part of an extent behind `from`.
+  Range PartOf(std::uint64_t extent, std::uint64_t from) const;
   MapSector SectorOf(std::uint64_t index) const;
   std::uint64_t Last(std::uint64_t offset, std::uint64_t length) const {
     return (offset + length - 1) / m_extentBytes;
@@ -166,6 +181,7 @@ class ChangeMap {
   std::unordered_map<std::uint64_t, Extent> m_known;  // busy, hot and cold ones
   std::list<std::uint64_t> m_hot;                     // the coldest first
   std::list<std::uint64_t> m_cold;
+  std::map<std::uint64_t, std::uint64_t> m_refused;  // since which dataset
   std::uint64_t m_flushed = 0;
 
   // A mark is in generation `m_next` until that is taken to be saved.

@@ -42,6 +42,10 @@ enum class Fault : std::uint8_t {
   kSpoolAge,             // a spool that was given up is read again
   kKeptUnchecked,        // after a stop what is marked is not compared though the spool lost some
   kLateHello,            // a HELLO of a connection that is long gone takes the group up
+  kRefusedForgotten,     // what a refused write left is taken for what its dataset has
+  kRefusedTooEarly,      // and is compared before the writes that were captured before it are sent
+  kSyncsAgain,           // the source calls fsync again after it failed, and believes the answer
+  kComparesPages,        // after a start what the system remembers is compared, not the disk
 };
 
 inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaults = {{
@@ -58,7 +62,7 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 12> kPlantedFaul
     {Fault::kRecoverySkipsLast, "recovery-skips-the-last-dataset"},
     {Fault::kEndCountUnchecked, "end-without-count-check"},
 }};
-inline constexpr std::array<std::pair<Fault, std::string_view>, 15> kPlantedLiveFaults = {{
+inline constexpr std::array<std::pair<Fault, std::string_view>, 19> kPlantedLiveFaults = {{
     {Fault::kMarkAfterWrite, "mark-after-the-write"},
     {Fault::kClearBeforeFlushed, "clear-before-flushed"},
     {Fault::kClearBeforeSync, "clear-before-the-volume-is-synced"},
@@ -74,6 +78,10 @@ inline constexpr std::array<std::pair<Fault, std::string_view>, 15> kPlantedLive
     {Fault::kSpoolAge, "spool-of-another-age"},
     {Fault::kKeptUnchecked, "kept-though-the-spool-lost-some"},
     {Fault::kLateHello, "late-hello-takes-the-group-up"},
+    {Fault::kRefusedForgotten, "refused-write-forgotten"},
+    {Fault::kRefusedTooEarly, "refused-write-compared-too-early"},
+    {Fault::kSyncsAgain, "source-retries-fsync"},
+    {Fault::kComparesPages, "compares-pages-that-a-failed-sync-lost"},
 }};
 
 #ifdef PENSTOCK_PLANTED_FAULTS

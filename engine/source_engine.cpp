@@ -320,6 +320,7 @@ void SourceEngine::TakeSteps(const Moment& now) {
   StepSpool(now);
   StepCheckpoint(now);
   if (m_status.phase != SourcePhase::kOnline || !m_pipe) return;
+  StepRefused(now);
   StepPass(now);
   StepFetch();
   SendQueries();

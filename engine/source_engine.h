@@ -47,6 +47,7 @@ struct SourceConfig {
   Millis interval = 1'000;                 // at which datasets are closed
   std::size_t clearExtents = 64;           // marks that are cleared at a time, at least
   Millis clearAfter = 10'000;              // with fewer of them, and after a failed clearing
+  Millis readAgain = 10'000;               // what a volume could not read is tried again
 
   // Limits. The memory that a source holds is at most `memory` for resync datasets, plus what the
   // open and unacknowledged normal datasets hold.
@@ -251,6 +252,7 @@ class SourceEngine {
 
   // source_resync.cpp: passes.
   bool PassMayBegin() const;
+  bool IsEmptyThere(const WelcomeVolume& volume) const;
   void BeginPass();
   void StepPass(const Moment& now);
   Ranges NextRanges();
@@ -261,14 +263,16 @@ class SourceEngine {
   void SendQueries();
   void SendQuery(ResyncWork& work, std::size_t index);
   void TakeAnswer(const Frame& frame, const Moment& now);
+  void AskAgain();  // after a reconnection: windows whose answer did not come
+  void EndPass(const Moment& now);
+
+  // source_decide.cpp: what the answers mean.
   void TakeCopied(ResyncWork& work, Window& window, WindowFetched&& result);
   void TakePacked(ResyncWork& work, Window& window, RunsPacked&& result);
   void Admit(ResyncWork& work, Window& window, const std::vector<Run>& runs);
   void AdmitRun(ResyncWork& work, Window& window, const Run& ours, const Run& theirs);
   void FinalizeKept(ResyncWork& work, Window& window, const BlockPtr& block);
   void WindowSettled(ResyncWork& work, Window& window);
-  void EndPass(const Moment& now);
-  void AskAgain();  // after a reconnection: windows whose answer did not come
 
   // source_live.cpp: captured writes, the spool, the clearing of marks.
   bool MayPushCaptured() const;
@@ -287,10 +291,15 @@ class SourceEngine {
   void KeepPointNames();
   void DropSpool();
   void SaveWhole();
-  void Overflow(const std::string& why, const Moment& now);
+  void Overflow(const std::string& why, const Moment& now, Millis wait = 0);
   void ForgetBacklog();
   void StepCheckpoint(const Moment& now);
   Millis LiveDeadline() const;
+
+  // source_refused.cpp: writes that a volume refused.
+  void StepRefused(const Moment& now);
+  bool ProbeNext();
+  void Probed(const WindowFetched& result, const Moment& now);
   void BeginConnect(const Moment& now);
 
   SourceConfig m_config;
@@ -304,6 +313,7 @@ class SourceEngine {
   Hello m_hello;                  // of this connection
   std::uint64_t m_window = 0;
   std::vector<WelcomeVolume> m_remote;  // what the last WELCOME said
+  std::uint64_t m_welcomedApplied = 0;  // likewise
   Millis m_lastHeard = 0;
   Millis m_deadline = 0;  // of the phase
   bool m_pinged = false;
@@ -363,6 +373,14 @@ class SourceEngine {
   Clearing m_clearing = Clearing::kNo;
   bool m_clearsLast = false;  // the clearing under way is that of Finish
   bool m_finishing = false;
+
+  // Stale extents while everything else is in order.
+  Millis m_probeAt = 0;  // when they are looked for again
+  Ticket m_probe = 0;    // the read under way; 0: none
+  std::size_t m_probeVolume = 0;
+  std::uint64_t m_probeOffset = 0;
+  bool m_canBeRead = false;  // all of them: they are compared as soon as nothing is in between
+  bool m_saidUnread = false;
 
   std::uint64_t m_lastTicket = 0;
   std::map<Ticket, SourceJob> m_jobs;

@@ -51,6 +51,13 @@ class SourceFeed {
   virtual std::uint64_t StaleBytes(std::uint8_t volume) const = 0;
   virtual std::vector<ChangeMap::Range> TakeStale(std::uint8_t volume, std::uint64_t n,
                                                   std::uint64_t most) = 0;
+  // What a refused write left and could not be read since, in a group that is otherwise in order:
+  // see ChangeMap. CompareRefused makes it stale, but for what is not in order yet with writes that
+  // were not taken; returns whether anything became so.
+  virtual bool HasRefused() const = 0;
+  virtual ChangeMap::Range NextRefused(std::uint8_t volume, std::uint64_t from,
+                                       std::uint64_t most) const = 0;
+  virtual bool CompareRefused() = 0;
   // Every dataset up to n is flushed at the target.
   virtual void Flushed(std::uint64_t n) = 0;
 

@@ -31,6 +31,7 @@ void SourceEngine::TakeWelcome(const Frame& frame, const Moment& now) {
                                    FrameSeed(m_hello.nonce, welcome.nonce, true)});
   m_window = welcome.window;
   m_remote = welcome.volumes;
+  m_welcomedApplied = welcome.applied;
   m_told = {};
   m_tellAt = now.steady + m_config.progressEvery;
   if (!m_pipe) {

@@ -52,6 +52,10 @@ Millis SourceEngine::LiveDeadline() const {
   if (m_pipe && m_clearing == Clearing::kNo && m_config.feed->ColdExtents() > 0) {
     next = std::min(next, m_checkpointAt);
   }
+  if (m_pipe && m_status.phase == SourcePhase::kOnline && !m_status.resyncing && m_probe == 0 &&
+      !m_canBeRead) {
+    next = std::min(next, m_probeAt);
+  }
   return next;
 }
 
@@ -166,6 +170,7 @@ std::optional<std::uint64_t> SourceEngine::KeptUpTo() const {
   for (std::size_t i = 0; i < m_config.volumes.size(); ++i) {
     if (feed->StaleBytes(static_cast<std::uint8_t>(i)) > 0) return std::nullopt;
   }
+  if (feed->HasRefused()) return std::nullopt;
   std::uint64_t n = m_config.kept;  // as it was: there was no target yet
   if (m_pipe) {
     const bool isWhole = !m_passWanted && !m_passing && m_newestClosed && !feed->HasWrites() &&
@@ -268,7 +273,8 @@ void SourceEngine::Completed(SpoolLoaded&& result, const Moment& now) {
 
 // The backlog goes as a whole: from here on what changes is marked, until the target is reached
 // again and everything that is marked has been compared.
-void SourceEngine::Overflow(const std::string& why, const Moment& now) {
+// `wait`: before the target is asked what has to be compared.
+void SourceEngine::Overflow(const std::string& why, const Moment& now, Millis wait) {
   if (m_status.phase == SourcePhase::kStopped) return;
   ++m_status.overflows;
   m_status.lastOverflow = why;
@@ -280,7 +286,7 @@ void SourceEngine::Overflow(const std::string& why, const Moment& now) {
   if (m_config.spoolBytes > 0 || m_hasSpool) DropSpool();
   if (m_status.phase == SourcePhase::kPaused) return;
   SetPhase(SourcePhase::kBackoff);
-  m_deadline = now.steady;
+  m_deadline = now.steady + wait;
 }
 
 // Not before that is durable may the target get anything new: what the spool holds would be older,
@@ -313,6 +319,8 @@ void SourceEngine::ForgetBacklog() {
   m_passing = m_passWanted = m_passSpoiled = false;
   m_spoiledUpTo = m_passAfter = 0;
   m_spoolJob = 0;
+  m_probe = 0;
+  m_canBeRead = false;
   m_clearing = Clearing::kNo;
   m_status.spooledDatasets = m_status.spooledBytes = 0;
   m_status.syncedAt = 0;

@@ -250,6 +250,8 @@ std::string VolumeFile::SyncBy(int (*call)(int)) {
 
 std::string VolumeFile::Sync() { return SyncBy(::fdatasync); }
 
+void VolumeFile::ForgetPages() const { ::posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_DONTNEED); }
+
 std::string VolumeFile::Grow(std::uint64_t size) {
   const auto now = Size();
   if (size == now) return {};

@@ -62,6 +62,10 @@ class VolumeFile {
   // Waits until what was written is on the disk. After a failure every later call fails, too: what
   // was written is not known any more.
   std::string Sync();
+  // From here on it is read from the disk again, as far as it is on it: of what a failed sync lost,
+  // also one of an earlier process, the system may still have the pages. A hint, and none where
+  // files live in memory. All of it: pages are kept in bundles, of which no part can be dropped.
+  void ForgetPages() const;
 
   // Makes a file longer by a hole, and syncs it; a device must have the size already. A smaller
   // size is an error.

@@ -17,6 +17,7 @@
 #include "capture/live_source.h"
 #include "replicator/log.h"
 #include "tests/engine/engine_rig.h"
+#include "tests/replicator/pages.h"
 #include "tests/replicator/rig.h"
 
 namespace penstock {
@@ -29,7 +30,7 @@ class LiveFailure : public testing::Test {
  protected:
   void SetUp() override {
     SetLogOutput([](std::string_view) {});
-    LiveOptions options;
+    LiveOptions& options = m_options;
     options.group = "g";
     options.volumes = {{"v", m_folder / "v.img"}};
     options.stateDirectory = m_folder / "state";
@@ -70,6 +71,7 @@ class LiveFailure : public testing::Test {
   std::uint64_t Stale() const { return m_source->m_capture->TotalStale(); }
 
   TempFolder m_folder;
+  LiveOptions m_options;
   struct rlimit m_before {};
   std::unique_ptr<LiveSource> m_source;
 };
@@ -100,8 +102,31 @@ TEST_F(LiveFailure, AWriteOfWhichNothingWasTakenIsTheVolumeAsItWas) {
 TEST_F(LiveFailure, WhatCannotBeReadBackHasToBeCompared) {
   ASSERT_EQ(::truncate((m_folder / "v.img").c_str(), kMiB), 0);
   EXPECT_EQ(Write(2 * kMiB, Noise(4096)), EIO);
+  EXPECT_TRUE(m_source->m_capture->HasRefused());
   EXPECT_TRUE(Taken().empty());
   EXPECT_EQ(Stale(), kMiB);
+}
+
+// The system may have pages that a failed sync lost.
+TEST_F(LiveFailure, WhatIsComparedAfterARestartIsReadFromTheDisk) {
+  const std::string volume = m_folder / "v.img";
+  if (LivesInMemory(volume)) GTEST_SKIP() << "files live in memory here";
+  ASSERT_EQ(m_source->Write(0, kMiB, Noise(kMiB), false), 0);
+  m_source.reset();
+  ASSERT_GT(PagesInMemory(volume, kMiB, kMiB), 0U);
+  ASSERT_EQ(LiveSource::Open(m_options, m_source), "");
+  EXPECT_EQ(PagesInMemory(volume, kMiB, kMiB), 0U);
+}
+
+// Nobody has lost anything yet: an image that was just made need not be read from the disk.
+TEST_F(LiveFailure, AFirstStartForgetsNothing) {
+  const std::string volume = m_folder / "v.img";
+  if (LivesInMemory(volume)) GTEST_SKIP() << "files live in memory here";
+  ASSERT_EQ(m_source->Write(0, kMiB, Noise(kMiB), false), 0);
+  m_source.reset();
+  m_options.stateDirectory = m_folder / "other";
+  ASSERT_EQ(LiveSource::Open(m_options, m_source), "");
+  EXPECT_EQ(PagesInMemory(volume, kMiB, kMiB), kMiB / 4096);
 }
 
 }  // namespace

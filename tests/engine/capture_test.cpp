@@ -165,14 +165,50 @@ TEST_F(CaptureTest, AWriteThatBeganBeforeTheRecordingIsRecordedAtItsEnd) {
   EXPECT_EQ(m_capture->StaleBytes(0), 0U);
 }
 
-TEST_F(CaptureTest, AWriteThatFailedMakesItsExtentsStale) {
+TEST_F(CaptureTest, AWriteThatFailedMakesItsExtentsStaleWhenTheyCanBeRead) {
   Begin();
+  EXPECT_FALSE(m_capture->HasRefused());
   m_capture->BeginWrite(0, kCaptureExtent - 1, 2);
-  EXPECT_EQ(m_capture->StaleBytes(0), 0U);
   m_capture->Failed(0, kCaptureExtent - 1, 2);
-  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
   EXPECT_FALSE(m_capture->HasWrites());
   EXPECT_EQ(m_capture->Writes(), 0U);
+  EXPECT_TRUE(m_capture->HasRefused());
+  EXPECT_EQ(m_capture->StaleBytes(0), 0U) << "not yet: nobody could read them";
+  EXPECT_EQ(m_capture->TotalStale(), 2 * kCaptureExtent);
+  EXPECT_TRUE(m_capture->CompareRefused());
+  EXPECT_FALSE(m_capture->HasRefused());
+  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
+}
+
+TEST_F(CaptureTest, AWriteThatFailedWhileNothingIsRecordedIsStaleAtOnce) {
+  m_capture->BeginWrite(0, 0, 2);
+  m_capture->Failed(0, 0, 2);
+  EXPECT_FALSE(m_capture->HasRefused());
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
+}
+
+// Sent behind the comparison, they would bring back what was there before.
+TEST_F(CaptureTest, WhatWasCapturedBeforeARefusedWriteIsTakenBeforeThatIsCompared) {
+  Begin();
+  Write(0);
+  m_capture->BeginWrite(0, 0, 2);
+  m_capture->Failed(0, 0, 2);
+  EXPECT_FALSE(m_capture->CompareRefused());
+  EXPECT_TRUE(m_capture->HasRefused());
+  Take(1);
+  Write(0);  // a newer one may wait
+  EXPECT_TRUE(m_capture->CompareRefused());
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
+}
+
+TEST_F(CaptureTest, ABacklogThatIsGivenUpMakesRefusedExtentsStale) {
+  Begin();
+  Write(0);
+  m_capture->BeginWrite(0, 0, 2);
+  m_capture->Failed(0, 0, 2);
+  m_capture->Lose();
+  EXPECT_FALSE(m_capture->HasRefused());
+  EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
 }
 
 TEST_F(CaptureTest, WritesAreTakenOnceInTheirOrder) {

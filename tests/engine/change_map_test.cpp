@@ -147,6 +147,37 @@ TEST_F(Changes, ALostBacklogIsStale) {
   EXPECT_EQ(m_map.TakeStale(9, ~0ULL), (Ranges{{3 * kExtent, kExtent}}));
 }
 
+TEST_F(Changes, ARefusedExtentStaysMarkedUntilItIsCompared) {
+  Write(0, 10, 1);
+  m_map.Begin(0, 10);
+  m_map.Refuse(0, 10, 2);
+  m_map.Flushed(5);
+  m_map.Cool();
+  Clear();
+  EXPECT_EQ(AfterCrash(), (Ranges{{0, kExtent}}));
+  EXPECT_EQ(m_map.StaleBytes(), 0U);
+  EXPECT_FALSE(m_map.CompareRefused(2));
+  EXPECT_TRUE(m_map.CompareRefused(3));
+  EXPECT_EQ(m_map.TakeStale(6, ~0ULL), (Ranges{{0, kExtent}}));
+  m_map.Flushed(6);
+  m_map.Cool();
+  Clear();
+  EXPECT_TRUE(m_map.IsClean());
+}
+
+TEST_F(Changes, RefusedRangesAreFoundInPieces) {
+  const std::uint64_t last = (m_bytes - 1) / kExtent * kExtent;
+  for (const std::uint64_t offset : {kExtent, last}) {
+    m_map.Begin(offset, 1);
+    m_map.Refuse(offset, 1, 1);
+  }
+  EXPECT_EQ(m_map.RefusedBytes(), kExtent + m_bytes - last);
+  EXPECT_EQ(m_map.NextRefused(0, 4096), (ChangeMap::Range{kExtent, 4096}));
+  EXPECT_EQ(m_map.NextRefused(2 * kExtent - 1, 4096), (ChangeMap::Range{2 * kExtent - 1, 1}));
+  EXPECT_EQ(m_map.NextRefused(2 * kExtent, ~0ULL), (ChangeMap::Range{last, m_bytes - last}));
+  EXPECT_EQ(m_map.NextRefused(m_bytes, ~0ULL).length, 0U);
+}
+
 TEST_F(Changes, AWriteUnderWayWhileTheBacklogIsLostIsKept) {
   m_map.Begin(0, 1);
   m_map.Lose();

@@ -268,15 +268,6 @@ TEST_F(SourceLive, ThePassCompletesWithEverythingThatItMayHaveRead) {
             "END 2");
 }
 
-TEST_F(SourceLive, AFailedWriteIsComparedByTheNextPass) {
-  Online();
-  m_capture->BeginWrite(0, 4096, 100);
-  m_capture->Failed(0, 4096, 100);
-  EXPECT_EQ(m_capture->StaleBytes(0), kLiveExtent);
-  m_engine->Resync(m_now);
-  EXPECT_EQ(Work(), "START 1 resync begins, QUERY 1 4096+4096, END 1, START 2 complete, END 2");
-}
-
 // Until the pass may begin nothing is to be done at any time: a host must not be kept busy.
 TEST_F(SourceLive, WhileAPassIsDueTheIntervalIsNot) {
   Guest(0);

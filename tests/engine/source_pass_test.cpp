@@ -256,6 +256,36 @@ TEST_F(SourcePass, ASecondPassOfAVolumeThatWasNewCompares) {
   EXPECT_TRUE(Contains(Run(), "QUERY 3 0+65536"));
 }
 
+// What is on its way of the first pass makes it anything but new, whatever WELCOME still says.
+TEST_F(SourcePass, ASecondPassComparesAlsoWhenAWelcomeWithinTheFirstSaidNew) {
+  m_state = VolumeState::kNew;
+  Online();
+  RunAll();
+  Reconnect();
+  Welcome();
+  RunAll();
+  All(2);
+  m_engine->Resync(m_now);
+  EXPECT_TRUE(Contains(Run(), "QUERY 3 0+65536"));
+}
+
+TEST_F(SourcePass, ANewVolumeIsComparedWhenTheTargetsJournalMayHaveSomethingOfIt) {
+  m_state = VolumeState::kNew;
+  Online([](struct Welcome& welcome) { welcome.durable = 5; });
+  Done(5);
+  EXPECT_TRUE(Contains(Run(), "QUERY 6 0+65536"));
+}
+
+TEST_F(SourcePass, ANewVolumeIsComparedBehindWrites) {
+  m_state = VolumeState::kNew;
+  m_config.resyncAtStart = false;
+  Online();
+  SendDataset();
+  All(1);
+  m_engine->Resync(m_now);
+  EXPECT_TRUE(Contains(Run(), "QUERY 2 0+65536"));
+}
+
 TEST_F(SourcePass, AWindowThatWasReadForALostConnectionCountsWhenItIsCopied) {
   m_state = VolumeState::kNew;
   Online();

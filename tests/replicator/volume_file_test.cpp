@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "replicator/mounts.h"
+#include "tests/replicator/pages.h"
 #include "tests/replicator/rig.h"
 
 namespace penstock {
@@ -236,6 +237,18 @@ TEST_F(VolumeFiles, AFailedSyncStays) {
             "can't sync " + file->Path() + ": Input/output error");
   EXPECT_EQ(file->Sync(), "can't sync " + file->Path() +
                               ": an earlier sync failed, and what it lost is not known");
+}
+
+TEST_F(VolumeFiles, PagesAreForgotten) {
+  if (LivesInMemory(m_folder.Path())) GTEST_SKIP() << "files live in memory here";
+  auto file = Make(3 * kMega);
+  ASSERT_EQ(file->Write(0, Filled(3 * kMega, 'x')), "");
+  ASSERT_EQ(file->Sync(), "");
+  const std::string path = m_folder / "v.img";
+  ASSERT_EQ(PagesInMemory(path, 0, 3 * kMega), 3 * kMega / 4096);
+  file->ForgetPages();
+  EXPECT_EQ(PagesInMemory(path, 0, 3 * kMega), 0U);
+  EXPECT_EQ(ReadBack(*file, kMega, 3), "xxx");
 }
 
 TEST_F(VolumeFiles, ManyThreadsMayUseOne) {

@@ -109,6 +109,14 @@ IoStatus Disk::Sync(const std::string& path) {
   return IoStatus::kOk;
 }
 
+void Disk::Forget(const std::string& path) {
+  File& file = m_files.at(path);
+  const std::size_t end = std::min(file.now.size(), file.safe.size());
+  for (std::size_t at = 0; at < end; ++at) {
+    if (!file.dirty.contains(at / kSector)) file.now[at] = file.safe[at];
+  }
+}
+
 void Disk::SyncName(const std::string& path) {
   if (const auto file = m_files.find(path); file != m_files.end()) file->second.named = true;
   m_removed.erase(path);

@@ -37,6 +37,8 @@ class Disk {
             std::size_t size) const;
   std::uint64_t Size(const std::string& path) const;
   IoStatus Sync(const std::string& path);
+  // The pages that count as clean are dropped: they are read from the disk again.
+  void Forget(const std::string& path);
   void SyncName(const std::string& path);  // its directory
   void Remove(const std::string& path);
   void Rename(const std::string& from, const std::string& to);

@@ -52,9 +52,12 @@ void LiveNode::Write() {
 }
 
 void LiveNode::WriteVolume(std::uint64_t id) {
-  const Op& op = m_writing.at(id);
+  Op& op = m_writing.at(id);
   const std::vector<std::uint8_t> zeros(op.data.empty() ? op.length : 0);
-  m_disk.Write(Volume(op.volume), op.offset, op.data.empty() ? zeros : op.data);
+  Bytes data = op.data.empty() ? zeros : op.data;
+  op.isRefused = IsBad(op.volume, op.offset, op.length);
+  if (op.isRefused) data = data.first(m_world.rng.Below(data.size()));  // a part of it was taken
+  if (!data.empty()) m_disk.Write(Volume(op.volume), op.offset, data);
   After(m_world.Latency(), [this, id] { EndWrite(id); });
 }
 
@@ -71,12 +74,14 @@ void LiveNode::EndWrite(std::uint64_t id) {
     std::copy(op.data.begin(), op.data.end(), data.get());
     write.data = std::move(data);
   }
+  if (op.isRefused && !EndRefused(op, write)) return Settle();
   m_world.Log("source: writes v" + std::to_string(op.volume) + " " + std::to_string(op.offset) +
               " + " + std::to_string(op.length));
   Apply(m_live, write);
+  PatchLeft(write);
   const bool isFull = m_capture->Captured(std::move(write));
   // A guest that wants it on disk says so.
-  if (m_world.rng.Chance(0.1)) m_disk.Sync(Volume(op.volume));
+  if (m_world.rng.Chance(0.1)) SyncVolume(op.volume);
   if (isFull) m_engine->CloseDataset(m_world.Now());
   Settle();
 }
@@ -99,10 +104,10 @@ void LiveNode::SaveSector(std::uint8_t volume, std::shared_ptr<ChangeMap::Save> 
   After(m_world.Latency(), [this, volume, save, index] {
     if (index < save->sectors.size()) {
       const auto& [sector, bytes] = save->sectors[index];
-      m_disk.Write(Map(volume), sector * kMapSectorBytes, bytes);
+      if (!m_mapGone.contains(volume)) m_disk.Write(Map(volume), sector * kMapSectorBytes, bytes);
       return SaveSector(volume, save, index + 1);
     }
-    m_disk.Sync(Map(volume));
+    SyncMap(volume);
     m_saving[volume] = false;
     m_capture->Saved(volume, save->generation);
     auto [from, to] = m_waiting.equal_range(volume);

@@ -71,14 +71,18 @@ void LiveNode::Boot() {
     const std::uint64_t size = m_options.volumes[i].size;
     capture.volumes.push_back({UuidT{{static_cast<std::uint8_t>(i + 1)}}, size});
     m_live[i].resize(size);
-    m_disk.Read(Volume(i), 0, m_live[i].data(), size);
   }
   capture.extentBytes = m_options.extentBytes;
   capture.hotExtents = m_options.hotExtents;
   capture.datasetBytes = 32U << 10U;
   capture.memory = m_options.memory;
   m_capture = std::make_unique<Watched>(*this, capture);
-  for (std::size_t i = 0; i < m_options.volumes.size(); ++i) LoadMap(static_cast<std::uint8_t>(i));
+  m_left.clear();
+  for (std::size_t i = 0; i < m_options.volumes.size(); ++i) {
+    LoadMap(static_cast<std::uint8_t>(i));
+    ForgetPages(static_cast<std::uint8_t>(i));
+    m_disk.Read(Volume(i), 0, m_live[i].data(), m_live[i].size());
+  }
 
   SourceConfig config;
   config.group = "g";
@@ -99,6 +103,7 @@ void LiveNode::Boot() {
   m_wasKept = m_state.kept != 0;
   config.kept = std::exchange(m_state.kept, 0);
   config.interval = m_world.rng.Between(50, 1500);
+  config.readAgain = m_world.rng.Between(20, 3'000);
   config.clearExtents = m_world.rng.Between(1, 4);
   config.spooled = ScanSpool();
   m_closed = 0;
@@ -123,16 +128,18 @@ void LiveNode::LoadMap(std::uint8_t volume) {
     if (isWhole) m_capture->Load(volume, i, sector);
   }
   if (isWhole && m_state.kept != 0) m_capture->TakeStale(volume, m_state.kept, ~std::uint64_t{0});
-  m_disk.Sync(path);  // what a process that was killed left may not be on the disk
-  if (isWhole) return;
+  // What a process that was killed left may not be on the disk.
+  if (SyncMap(volume) == IoStatus::kOk && isWhole) return;
   m_world.Log("source: nothing is known of volume " + std::to_string(volume));
   m_capture->LoadNothing(volume);
   const auto save = m_capture->TakeUnsaved(volume);
   if (!save) return;
-  for (const auto& [index, sector] : save->sectors) {
-    m_disk.Write(path, index * kMapSectorBytes, sector);
+  if (!m_mapGone.contains(volume)) {
+    for (const auto& [index, sector] : save->sectors) {
+      m_disk.Write(path, index * kMapSectorBytes, sector);
+    }
+    SyncMap(volume);
   }
-  m_disk.Sync(path);
   m_capture->Saved(volume, save->generation);
 }
 
@@ -152,6 +159,8 @@ void LiveNode::Crash(const std::string& why, bool power) {
   m_writing.clear();
   m_waiting.clear();
   m_saving.assign(m_saving.size(), false);
+  m_unsynced.clear();
+  m_mapGone.clear();
   m_spoolFree = 0;
   if (m_conn != 0) m_link.Die(m_conn, Side::kSource);
   m_conn = 0;
@@ -166,13 +175,21 @@ void LiveNode::BeginLeave() {
   Settle();
 }
 
+void LiveNode::Finish() {
+  m_engine->Finish(m_world.Now());
+  Settle();
+}
+
 void LiveNode::TryLeave() {
   if (!m_engine || !m_writing.empty()) return;
   const auto upTo = m_engine->KeptUpTo();
   if (!upTo && !m_engine->Status().isFinished) return;
   if (!m_engine->Status().isFinished) {
-    for (std::size_t i = 0; i < m_options.volumes.size(); ++i) m_disk.Sync(Volume(i));
-    m_state.kept = *upTo;
+    bool isSynced = true;
+    for (std::size_t i = 0; i < m_options.volumes.size(); ++i) {
+      isSynced = SyncVolume(i) == IoStatus::kOk && isSynced;
+    }
+    m_state.kept = isSynced ? *upTo : 0;
   }
   Crash("its operator stops it", false);
 }
@@ -220,14 +237,25 @@ void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
   m_node.m_wasKept = false;
   m_node.m_world.Log("source: records from " + std::to_string(m_node.m_engine->m_last) + " on");
   m_node.m_taken = m_node.m_live;
+  m_node.m_takenBy.clear();
   // The points of what the spool had are known from the life before.
   m_node.m_closed = m_node.m_engine->m_last;
 }
 
 void LiveNode::Watched::TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) {
   Capture::TakeWrites(n, out);
-  for (const CapturedWrite& write : out) m_node.Apply(m_node.m_taken, write);
-  SIM_CHECK(m_node.m_taken == m_node.m_live, "I9: what was captured is not what was written");
+  for (const CapturedWrite& write : out) {
+    m_node.Apply(m_node.m_taken, write);
+    m_node.m_takenBy.emplace(n, write);
+  }
+  auto taken = m_node.m_taken;
+  // Of these ranges only the volume knows what it holds.
+  for (const Left& left : m_node.m_left) {
+    const auto place = static_cast<std::ptrdiff_t>(left.offset);
+    std::copy_n(m_node.m_live[left.volume].begin() + place, left.data.size(),
+                taken[left.volume].begin() + place);
+  }
+  SIM_CHECK(taken == m_node.m_live, "I9: what was captured is not what was written");
 }
 
 // --- The engine. ---
@@ -368,28 +396,6 @@ void LiveNode::CarryOut(SourceCommand& command) {
   } else {
     SpoolCommands(command);
   }
-}
-
-// A comparison's reads keep out of the way of writes, as they keep out of each other's.
-void LiveNode::Fetch(const FetchWindow& command) {
-  After(m_world.Latency(), [this, c = command] {
-    if (Overlaps(c.volume, c.offset, c.length)) return Fetch(c);
-    WindowFetched result;
-    if (c.compare) {
-      auto data = std::make_shared<std::uint8_t[]>(c.length);
-      m_disk.Read(Volume(c.volume), c.offset, data.get(), c.length);
-      result = FingerprintWindow(c, data);
-      if (m_world.faults.weakPrints) {
-        for (std::uint64_t& print : result.fingerprints) print &= 3U;
-      }
-    } else {
-      const BlockPtr raw = BeginRawBlock(0, {c.offset, c.length});
-      m_disk.Read(Volume(c.volume), c.offset, RawData(*raw).data(), c.length);
-      result = CopyWindow(c, raw);
-    }
-    m_engine->Completed(std::move(result), m_world.Now());
-    Settle();
-  });
 }
 
 }  // namespace penstock::sim

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -47,6 +48,7 @@ class LiveNode {
   void BeginLeave();
   bool IsLeaving() const { return m_isLeaving; }
   void TryLeave();
+  void Finish();
   bool IsUp() const { return m_engine != nullptr; }
   bool IsStopped() const { return m_engine && m_engine->Status().phase == SourcePhase::kStopped; }
   SourceEngine* engine() { return m_engine.get(); }
@@ -58,6 +60,10 @@ class LiveNode {
   // A bit of a file that waits in the spool rots, while the process is down.
   void DamageSpool();
   void Pause(bool pause);
+  // A range of a volume can be neither written nor read, until it is mended.
+  void BreakSector();
+  void MendSector() { m_bad.reset(); }
+  bool LostSync() const { return !m_unsynced.empty() || !m_mapGone.empty(); }  // this process
   bool IsIdle() const { return m_writing.empty(); }  // no write is under way
   Point Taken() const;                               // what is in datasets
   Point Now() const;                                 // what the volumes hold
@@ -65,6 +71,7 @@ class LiveNode {
   std::uint64_t overflows = 0;
   std::uint64_t spooled = 0;  // datasets
   std::uint64_t kept = 0;     // starts behind a stop without the target that compare nothing
+  std::uint64_t refused = 0;  // writes of which nobody knows what they left
 
  private:
   // What is captured of the guest, and when.
@@ -82,6 +89,18 @@ class LiveNode {
     std::uint64_t offset = 0, length = 0;
     std::vector<std::uint8_t> data;  // empty: a trim
     Millis since = 0;
+    bool isRefused = false;
+  };
+  struct Bad {
+    std::uint8_t volume = 0;
+    std::uint64_t offset = 0, length = 0;
+  };
+  // What a refused write left, and what was written there since: in the volume, and in no dataset
+  // before it was compared.
+  struct Left {
+    std::uint8_t volume = 0;
+    std::uint64_t offset = 0;
+    std::vector<std::uint8_t> data;
   };
   // What the process keeps on its disk beside maps and spool: replaced as a whole.
   struct State {
@@ -104,6 +123,13 @@ class LiveNode {
   void SaveSector(std::uint8_t volume, std::shared_ptr<ChangeMap::Save> save, std::size_t index);
   void WriteVolume(std::uint64_t id);
   void EndWrite(std::uint64_t id);
+  bool EndRefused(const Op& op, CapturedWrite& write);
+  bool IsBad(std::uint8_t volume, std::uint64_t offset, std::uint64_t length) const;
+  void PatchLeft(const CapturedWrite& write);
+  void SeeLeft(const FetchWindow& command, std::uint64_t n);
+  IoStatus SyncVolume(std::size_t index);
+  IoStatus SyncMap(std::uint8_t volume);
+  void ForgetPages(std::uint8_t volume);
 
   void Settle();
   void Observe();
@@ -133,10 +159,15 @@ class LiveNode {
   std::map<std::uint64_t, Op> m_writing;
   std::vector<bool> m_saving;  // by volume
   std::multimap<std::uint8_t, std::pair<std::uint64_t, std::function<void()>>> m_waiting;
-  Millis m_spoolFree = 0;  // when the spool's last command ends
+  std::optional<Bad> m_bad;
+  std::vector<Left> m_left;
+  std::set<std::size_t> m_unsynced;  // volumes: a sync of this process failed
+  std::set<std::uint8_t> m_mapGone;  // a map that could not be written, and was removed
+  Millis m_spoolFree = 0;            // when the spool's last command ends
 
-  std::vector<std::vector<std::uint8_t>> m_live;   // with every captured write
-  std::vector<std::vector<std::uint8_t>> m_taken;  // with every write that is in a dataset
+  std::vector<std::vector<std::uint8_t>> m_live;          // with every captured write
+  std::vector<std::vector<std::uint8_t>> m_taken;         // with every write that is in a dataset
+  std::multimap<std::uint64_t, CapturedWrite> m_takenBy;  // by dataset, of this history
   std::uint64_t m_closed = 0;
   // By number. Those of a backlog that was given up stay: a crash can bring its spool back, and a
   // number is not used again before that is impossible.

@@ -11,6 +11,7 @@ struct LiveTotals {
   std::uint64_t overflows = 0;
   std::uint64_t spooled = 0;
   std::uint64_t kept = 0;
+  std::uint64_t refused = 0;
 };
 
 // One run with a source whose volumes are in use. Returns what was broken; empty: nothing.

@@ -109,6 +109,7 @@ IoStatus LiveNode::WriteSpoolFile(const SpoolWrite& command, std::size_t index) 
   if (status == IoStatus::kOk) {
     status = put(RecordBytes(*sum.MakeTrailer()), DPPCmdType::CompressedData);
   }
+  if (m_world.Strikes(m_world.faults.syncFails)) m_disk.FailNextSync();
   if (status == IoStatus::kOk) status = m_disk.Sync(path);
   if (status == IoStatus::kOk) m_disk.SyncName(path);
   return status;
@@ -166,13 +167,20 @@ void LiveNode::SpoolCommands(SourceCommand& command) {
     RunSpool([this, c = *names] { m_state.names = c.names; });
   } else if (auto* checkpoint = std::get_if<Checkpoint>(&command)) {
     After(m_world.Latency(), [this, c = *checkpoint] {
-      if (!Planted(Fault::kClearBeforeSync)) {
-        for (std::size_t i = 0; i < m_options.volumes.size(); ++i) m_disk.Sync(Volume(i));
+      CheckpointDone done{c.ticket, IoStatus::kOk, {}};
+      for (std::size_t i = 0; i < m_options.volumes.size(); ++i) {
+        if (Planted(Fault::kClearBeforeSync) || SyncVolume(i) == IoStatus::kOk) continue;
+        done.status = IoStatus::kFailed;
+        done.error = "a sync failed";
+      }
+      if (done.status != IoStatus::kOk) {
+        m_engine->Completed(std::move(done), m_world.Now());
+        return Settle();
       }
       m_state.epoch = c.epoch;
       m_state.flushed = c.flushed;
       m_world.Log("source: checkpoint, flushed " + std::to_string(c.flushed));
-      m_engine->Completed(CheckpointDone{c.ticket, IoStatus::kOk, {}}, m_world.Now());
+      m_engine->Completed(std::move(done), m_world.Now());
       Settle();
     });
   } else if (auto* save = std::get_if<SaveMaps>(&command)) {

@@ -273,10 +273,12 @@ int RunSeeds(const Options& options) {
               static_cast<unsigned long long>(options.steps));
   if (options.live) {
     std::printf(
-        "%llu datasets were spooled, %llu backlogs given up, %llu stops without the target\n",
+        "%llu datasets were spooled, %llu backlogs given up, %llu stops without the target, %llu "
+        "refused writes that could not be read back\n",
         static_cast<unsigned long long>(g_liveTotals.spooled),
         static_cast<unsigned long long>(g_liveTotals.overflows),
-        static_cast<unsigned long long>(g_liveTotals.kept));
+        static_cast<unsigned long long>(g_liveTotals.kept),
+        static_cast<unsigned long long>(g_liveTotals.refused));
   }
   return 0;
 }
