@@ -81,8 +81,10 @@ int ConfigComplete() {
 // there by now, and the source's own are not.
 int AfterFork() {
   g_hangUp = std::make_unique<penstock::HangUp>();
-  auto fault = g_hangUp->Start();
-  if (fault.empty()) fault = g_source->Start();
+  if (const auto fault = g_hangUp->Start(); !fault.empty()) {
+    penstock::Log(penstock::Severity::kWarning, "a stop will wait for idle guests: " + fault);
+  }
+  const auto fault = g_source->Start();
   return fault.empty() ? 0 : Refuse(fault);
 }
 
