@@ -51,7 +51,7 @@ void LiveNode::PatchLeft(const CapturedWrite& write) {
     const std::uint64_t begin = std::max(left.offset, write.offset);
     const std::uint64_t end = std::min(left.offset + left.data.size(), write.offset + write.length);
     for (std::uint64_t at = begin; at < end; ++at) {
-      left.data[at - left.offset] = write.data ? write.data[at - write.offset] : 0;
+      left.data[at - left.offset] = write.data ? write.data.get()[at - write.offset] : 0;
     }
   }
 }
