@@ -374,7 +374,7 @@ class SourceEngine {
   bool m_clearsLast = false;  // the clearing under way is that of Finish
   bool m_finishing = false;
 
-  // Stale extents while everything else is in order.
+  // Refused extents while everything else is in order.
   Millis m_probeAt = 0;  // when they are looked for again
   Ticket m_probe = 0;    // the read under way; 0: none
   std::size_t m_probeVolume = 0;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a volume holds after it refused a write is read back and sent. Where it can't be read, in a
 // group that is otherwise in order, it is read again now and then, and once all of it can be, it is
-// compared.
-#include <algorithm>
-
+// compared. What is refused between the last read and the comparison joins it unread: should that
+// fail, it begins anew as any other.
 #include "engine/source_engine.h"
 
 namespace penstock {
@@ -26,7 +25,7 @@ void SourceEngine::StepRefused(const Moment& now) {
   ProbeNext();
 }
 
-// Returns whether there is more to read.
+// Reads the next of it. Returns whether there was any left.
 bool SourceEngine::ProbeNext() {
   for (; m_probeVolume < m_config.volumes.size(); ++m_probeVolume) {
     const auto volume = static_cast<std::uint8_t>(m_probeVolume);
