@@ -64,8 +64,9 @@ void Capture::Failed(std::uint8_t volume, std::uint64_t offset, std::uint64_t le
   const std::lock_guard lock(m_mutex);
   ChangeMap& map = m_maps.at(volume);
   if (Planted(Fault::kRefusedForgotten)) return map.End(offset, length, m_open);
-  if (m_recording) return map.Refuse(offset, length, m_open);
-  map.End(offset, length, 0);
+  if (!m_recording) return map.End(offset, length, 0);
+  ++m_refusals;
+  map.Refuse(offset, length, m_open);
 }
 
 // --- Saving. ---
@@ -209,6 +210,11 @@ bool Capture::HasRefused() const {
   return std::ranges::any_of(m_maps, [](const auto& map) { return map.RefusedBytes() > 0; });
 }
 
+std::uint64_t Capture::Refusals() const {
+  const std::lock_guard lock(m_mutex);
+  return m_refusals;
+}
+
 ChangeMap::Range Capture::NextRefused(std::uint8_t volume, std::uint64_t from,
                                       std::uint64_t most) const {
   const std::lock_guard lock(m_mutex);
@@ -217,8 +223,9 @@ ChangeMap::Range Capture::NextRefused(std::uint8_t volume, std::uint64_t from,
 
 // A write that was captured before, and is sent behind the comparison, would bring back what was
 // there before the refused one.
-bool Capture::CompareRefused() {
+bool Capture::CompareRefused(std::uint64_t refusals) {
   const std::lock_guard lock(m_mutex);
+  if (refusals != m_refusals) return false;
   const bool isOrdered = m_writes.empty() || Planted(Fault::kRefusedTooEarly);
   const Place before = isOrdered ? std::numeric_limits<Place>::max() : m_open;
   bool any = false;

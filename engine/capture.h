@@ -99,9 +99,10 @@ class Capture : public SourceFeed {
   std::vector<ChangeMap::Range> TakeStale(std::uint8_t volume, std::uint64_t n,
                                           std::uint64_t most) override;
   bool HasRefused() const override;
+  std::uint64_t Refusals() const override;
   ChangeMap::Range NextRefused(std::uint8_t volume, std::uint64_t from,
                                std::uint64_t most) const override;
-  bool CompareRefused() override;
+  bool CompareRefused(std::uint64_t refusals) override;
   void Flushed(std::uint64_t n) override;
   std::size_t ColdExtents() const override;
   void BeginClear() override;
@@ -130,6 +131,7 @@ class Capture : public SourceFeed {
   Place m_lastPlace = 1;
   std::set<Place> m_pending;                      // not known to be flushed; the open one is in it
   std::multimap<std::uint64_t, Place> m_placeOf;  // by dataset
+  std::uint64_t m_refusals = 0;                   // while recording
   std::uint64_t m_count = 0;
   std::uint64_t m_bytes = 0;
 };

@@ -379,7 +379,8 @@ class SourceEngine {
   Ticket m_probe = 0;    // the read under way; 0: none
   std::size_t m_probeVolume = 0;
   std::uint64_t m_probeOffset = 0;
-  bool m_canBeRead = false;  // all of them: they are compared as soon as nothing is in between
+  std::uint64_t m_probed = 0;  // refusals of which it was tried, all that there were as it began
+  bool m_canBeRead = false;    // all of them: they are compared as soon as nothing is in between
   bool m_saidUnread = false;
 
   std::uint64_t m_lastTicket = 0;

@@ -52,12 +52,15 @@ class SourceFeed {
   virtual std::vector<ChangeMap::Range> TakeStale(std::uint8_t volume, std::uint64_t n,
                                                   std::uint64_t most) = 0;
   // What a refused write left and could not be read since, in a group that is otherwise in order:
-  // see ChangeMap. CompareRefused makes it stale, but for what is not in order yet with writes that
-  // were not taken; returns whether anything became so.
+  // see ChangeMap. Refusals counts such writes: it only rises. CompareRefused makes it stale, but
+  // for what is not in order yet with writes that were not taken, and nothing at all when
+  // `refusals` are not all of them: what came since was not tried. Returns whether anything became
+  // so.
   virtual bool HasRefused() const = 0;
+  virtual std::uint64_t Refusals() const = 0;
   virtual ChangeMap::Range NextRefused(std::uint8_t volume, std::uint64_t from,
                                        std::uint64_t most) const = 0;
-  virtual bool CompareRefused() = 0;
+  virtual bool CompareRefused(std::uint64_t refusals) = 0;
   // Every dataset up to n is flushed at the target.
   virtual void Flushed(std::uint64_t n) = 0;
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a volume holds after it refused a write is read back and sent. Where it can't be read, in a
 // group that is otherwise in order, it is read again now and then, and once all of it can be, it is
-// compared. What is refused between the last read and the comparison joins it unread: should that
-// fail, it begins anew as any other.
+// compared. When more was refused meanwhile, all of it is read again first: a comparison that can't
+// read its source gives the backlog up.
 #include "engine/source_engine.h"
 
 namespace penstock {
@@ -12,7 +12,12 @@ void SourceEngine::StepRefused(const Moment& now) {
   if (m_canBeRead) {
     // At a moment when the pass can begin at once: until then what is captured would have to wait,
     // and the spool does not take it.
-    if (!m_newestClosed || m_status.applied < m_last || !m_config.feed->CompareRefused()) return;
+    if (!m_newestClosed || m_status.applied < m_last) return;
+    if (m_config.feed->Refusals() != m_probed) {
+      m_canBeRead = false;  // tried at m_probeAt
+      return;
+    }
+    if (!m_config.feed->CompareRefused(m_probed)) return;
     m_canBeRead = m_saidUnread = false;
     m_passWanted = true;
     m_passAfter = m_status.closed;
@@ -20,6 +25,7 @@ void SourceEngine::StepRefused(const Moment& now) {
   }
   if (now.steady < m_probeAt) return;
   m_probeAt = now.steady + m_config.readAgain;
+  m_probed = m_config.feed->Refusals();
   m_probeVolume = 0;
   m_probeOffset = 0;
   ProbeNext();

@@ -175,7 +175,7 @@ TEST_F(CaptureTest, AWriteThatFailedMakesItsExtentsStaleWhenTheyCanBeRead) {
   EXPECT_TRUE(m_capture->HasRefused());
   EXPECT_EQ(m_capture->StaleBytes(0), 0U) << "not yet: nobody could read them";
   EXPECT_EQ(m_capture->TotalStale(), 2 * kCaptureExtent);
-  EXPECT_TRUE(m_capture->CompareRefused());
+  EXPECT_TRUE(m_capture->CompareRefused(m_capture->Refusals()));
   EXPECT_FALSE(m_capture->HasRefused());
   EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
 }
@@ -193,12 +193,25 @@ TEST_F(CaptureTest, WhatWasCapturedBeforeARefusedWriteIsTakenBeforeThatIsCompare
   Write(0);
   m_capture->BeginWrite(0, 0, 2);
   m_capture->Failed(0, 0, 2);
-  EXPECT_FALSE(m_capture->CompareRefused());
+  EXPECT_FALSE(m_capture->CompareRefused(m_capture->Refusals()));
   EXPECT_TRUE(m_capture->HasRefused());
   Take(1);
   Write(0);  // a newer one may wait
-  EXPECT_TRUE(m_capture->CompareRefused());
+  EXPECT_TRUE(m_capture->CompareRefused(m_capture->Refusals()));
   EXPECT_EQ(m_capture->StaleBytes(0), kCaptureExtent);
+}
+
+TEST_F(CaptureTest, WhatWasRefusedSinceItWasTriedKeepsAllOfItFromBeingCompared) {
+  Begin();
+  m_capture->BeginWrite(0, 0, 2);
+  m_capture->Failed(0, 0, 2);
+  const std::uint64_t tried = m_capture->Refusals();
+  m_capture->BeginWrite(0, kCaptureExtent, 2);
+  m_capture->Failed(0, kCaptureExtent, 2);
+  EXPECT_FALSE(m_capture->CompareRefused(tried));
+  EXPECT_EQ(m_capture->StaleBytes(0), 0U);
+  EXPECT_TRUE(m_capture->CompareRefused(m_capture->Refusals()));
+  EXPECT_EQ(m_capture->StaleBytes(0), 2 * kCaptureExtent);
 }
 
 TEST_F(CaptureTest, ABacklogThatIsGivenUpMakesRefusedExtentsStale) {

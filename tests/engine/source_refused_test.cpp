@@ -123,6 +123,35 @@ TEST_F(SourceRefused, ThePassBeginsWhenNothingIsInBetween) {
   EXPECT_TRUE(Contains(Done(1), "START 2 resync begins"));
 }
 
+TEST_F(SourceRefused, WhatIsRefusedAfterTheLastReadIsReadBeforeAnythingIsCompared) {
+  Online();
+  Refuse(4096);
+  WaitForNextRead();
+  Guest(0);
+  CloseNumber();
+  Do<FetchWindow>();
+  Work();
+  Refuse(8192);
+  EXPECT_EQ(All(1), "");
+  EXPECT_FALSE(Status().resyncing);
+  WaitForNextRead();
+  Do<FetchWindow>();
+  EXPECT_EQ(ReadFails(), "");
+  EXPECT_TRUE(m_capture->IsRecording());
+  EXPECT_FALSE(Status().resyncing) << "one place that can't be read is no reason to give up";
+}
+
+TEST_F(SourceRefused, WhatIsRefusedWhileTheOthersAreReadIsReadToo) {
+  Online();
+  Refuse(8192);
+  WaitForNextRead();
+  Refuse(4096);  // the reading is behind it
+  EXPECT_EQ(Do<FetchWindow>(), "");
+  EXPECT_FALSE(Status().resyncing);
+  WaitForNextRead();
+  EXPECT_EQ(JobsText(), "fetch a 4096+4096");
+}
+
 TEST_F(SourceRefused, ALostConnectionIsWaitedFor) {
   Online();
   Refuse(4096);
