@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -42,7 +43,8 @@ struct SourceConfig {
   // compared only when not all of them are found. 0: it did not.
   std::uint64_t kept = 0;
   std::vector<PointRecord> names;          // of points that the target may not have
-  std::uint64_t liveMemory = 256U << 20U;  // of normal datasets; the spool is used from a half on
+  std::uint64_t liveMemory = 256U << 20U;  // of normal datasets; the spool is used from a half on,
+  Millis spoolAfter = 500;                 // when the link did not take the oldest within that
   std::uint64_t spoolBytes = 0;            // at most, of the spool's files; 0: there is none
   Millis interval = 1'000;                 // at which datasets are closed
   std::size_t clearExtents = 64;           // marks that are cleared at a time, at least
@@ -201,6 +203,10 @@ class SourceEngine {
   using Cursors = std::map<std::uint64_t, Cursor>;
   using Window = SourceWindow;
   using Ranges = std::vector<ChangeMap::Range>;
+  struct NormalHeld {
+    std::uint64_t bytes = 0;
+    Millis since = 0;  // its first write was taken; live, it was closed at the same time
+  };
   struct ResyncPart {
     std::uint8_t volume = 0;
     bool isFirst = false;  // of its volume, in its pass
@@ -238,6 +244,7 @@ class SourceEngine {
   bool HasOpenNormal() const;
   void CloseNewest();
   void AckUpTo(std::uint64_t n);
+  void ReleaseNormal(std::uint64_t n);
   void DoneUpTo(std::uint64_t n);
   void FlushedUpTo(std::uint64_t n);
   void ResetCursors();
@@ -279,6 +286,7 @@ class SourceEngine {
   void PushCaptured(const Moment& now);
   void StepClose(const Moment& now);
   void StepSpool(const Moment& now);
+  bool IsSpoolDue(const Moment& now);
   bool DrainsBacklog() const;
   void CheckKept();
   Cursors::const_iterator FirstUnspooled() const;
@@ -335,7 +343,7 @@ class SourceEngine {
   std::map<std::uint64_t, PointRecord> m_names;  // not acknowledged; at most kMaxPoints
   std::uint64_t m_inFlight = 0;                  // bytes of blocks sent, not acknowledged
   std::uint64_t m_normalBytes = 0;               // held by normal datasets
-  std::map<std::uint64_t, std::uint64_t> m_normalHeld;
+  std::map<std::uint64_t, NormalHeld> m_normalHeld;
 
   // The pass.
   bool m_passWanted = false;
@@ -363,6 +371,7 @@ class SourceEngine {
 
   // Live capture.
   Millis m_closeAt = 0;
+  Millis m_spoolAt = std::numeric_limits<Millis>::max();  // what waits for the link is due then
   std::uint64_t m_spoolJob = 0;    // the dataset that is being written; 0: none
   bool m_hasSpool = false;         // something of this history may be in it
   bool m_spoolDropping = false;    // nothing is connected before that is over

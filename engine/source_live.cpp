@@ -49,6 +49,7 @@ Millis SourceEngine::LiveDeadline() const {
   Millis next = std::numeric_limits<Millis>::max();
   if (m_config.feed == nullptr) return next;
   if (MayPushCaptured()) next = m_closeAt;
+  next = std::min(next, m_spoolAt);
   if (m_pipe && m_clearing == Clearing::kNo && m_config.feed->ColdExtents() > 0) {
     next = std::min(next, m_checkpointAt);
   }
@@ -112,10 +113,7 @@ void SourceEngine::StoredInSpool(std::uint64_t n, Cursor& cursor) {
   if (!cursor.isLoaded) Unload(cursor);
   ++m_status.spooledDatasets;
   m_status.spooledBytes += cursor.spoolBytes;
-  if (const auto held = m_normalHeld.find(n); held != m_normalHeld.end()) {
-    m_normalBytes -= held->second;
-    m_normalHeld.erase(held);
-  }
+  ReleaseNormal(n);
   m_pipe->MarkStored(n);
   m_pipe->Ack(n, nullptr);
 }
@@ -131,10 +129,7 @@ void SourceEngine::StepSpool(const Moment& now) {
     if (m_normalBytes > m_config.liveMemory) Overflow("its memory is full, without a spool", now);
     return;
   }
-  // What can't be sent before the process ends goes to the spool whole.
-  const bool isLeaving = m_finishing && m_status.phase != SourcePhase::kOnline;
-  const bool isDue = isLeaving || m_normalBytes > m_config.liveMemory / 2;
-  if (!isDue || m_spoolJob != 0 || m_spoolDropping) return;
+  if (!IsSpoolDue(now) || m_spoolJob != 0 || m_spoolDropping) return;
   const auto next = FirstUnspooled();
   // A resync dataset can't be kept; what follows it has to wait.
   if (next == m_cursors.end() || next->second.ds->IsFingerprinted()) return;
@@ -149,6 +144,21 @@ void SourceEngine::StepSpool(const Moment& now) {
     return Overflow("its spool is full", now);
   }
   SpoolOne(next->first, cursor);
+}
+
+// A disk is no help where the link takes half of the memory as fast as one: what goes there costs
+// the guest processors and memory bandwidth, and has to be read again.
+bool SourceEngine::IsSpoolDue(const Moment& now) {
+  m_spoolAt = std::numeric_limits<Millis>::max();
+  // What can't be sent before the process ends goes to the spool whole.
+  const bool isOnline = m_status.phase == SourcePhase::kOnline;
+  if (m_finishing && !isOnline) return true;
+  if (m_normalBytes <= m_config.liveMemory / 2) return false;
+  if (!isOnline || m_normalBytes > m_config.liveMemory / 8 * 7) return true;
+  const Millis due = m_normalHeld.begin()->second.since + m_config.spoolAfter;
+  if (now.steady >= due) return true;
+  m_spoolAt = due;
+  return false;
 }
 
 // What does not get less holds nobody up: it is given up when memory is full.
@@ -319,6 +329,7 @@ void SourceEngine::ForgetBacklog() {
   m_passing = m_passWanted = m_passSpoiled = false;
   m_spoiledUpTo = m_passAfter = 0;
   m_spoolJob = 0;
+  m_spoolAt = std::numeric_limits<Millis>::max();
   m_probe = 0;
   m_canBeRead = false;
   m_clearing = Clearing::kNo;

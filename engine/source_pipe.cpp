@@ -72,7 +72,7 @@ WriteResult SourceEngine::PushWrite(const CapturedWrite& write, const Moment& no
   }
   const bool isLive = m_config.feed != nullptr;
   const std::uint64_t held = isLive ? (data ? length : 0) + kWriteOverhead : length;
-  m_normalHeld[m_last] += held;
+  m_normalHeld.try_emplace(m_last, NormalHeld{0, now.steady}).first->second.bytes += held;
   m_normalBytes += held;
   return WriteResult::kOk;
 }
@@ -125,11 +125,16 @@ void SourceEngine::AckUpTo(std::uint64_t n) {
       m_reserved -= held->second;
       m_held.erase(held);
     }
-    if (const auto held = m_normalHeld.find(acked); held != m_normalHeld.end()) {
-      m_normalBytes -= held->second;
-      m_normalHeld.erase(held);
-    }
+    ReleaseNormal(acked);
   }
+}
+
+// The pipeline need not hold the writes of dataset n any longer.
+void SourceEngine::ReleaseNormal(std::uint64_t n) {
+  const auto held = m_normalHeld.find(n);
+  if (held == m_normalHeld.end()) return;
+  m_normalBytes -= held->second.bytes;
+  m_normalHeld.erase(held);
 }
 
 void SourceEngine::DoneUpTo(std::uint64_t n) {

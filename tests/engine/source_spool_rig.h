@@ -20,6 +20,7 @@ class SourceSpool : public LiveRig {
   SourceSpool() {
     m_config.liveMemory = 5 * kHeld;
     m_config.spoolBytes = kMiB;
+    m_config.spoolAfter = 0;  // the link is given no time
     m_options.volumes = {{UuidT{{1}}, m_config.volumes[0].size}};
     Open();
   }

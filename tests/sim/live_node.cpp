@@ -103,6 +103,7 @@ void LiveNode::Boot() {
   m_wasKept = m_state.kept != 0;
   config.kept = std::exchange(m_state.kept, 0);
   config.interval = m_world.rng.Between(50, 1500);
+  config.spoolAfter = m_world.rng.Between(0, 1000);
   config.readAgain = m_world.rng.Between(20, 3'000);
   config.clearExtents = m_world.rng.Between(1, 4);
   config.spooled = ScanSpool();
