@@ -32,15 +32,6 @@ constexpr std::uint64_t kTrimMs = 10'000;
 constexpr std::uint64_t kMinSlab = 64U << 10U;
 constexpr std::uint64_t kMaxSlab = 4U << 20U;
 
-// A guest is never held up for longer than this by a backlog that grows faster than it leaves: for
-// each part of a write that was begun, and altogether.
-constexpr std::chrono::milliseconds kDelay{5};
-constexpr std::uint64_t kDelayPart = 128U << 10U;
-constexpr std::chrono::milliseconds kLongestDelay{40};
-
-// Shorter than this is not waited for: a timer is not that exact.
-constexpr std::chrono::microseconds kLeastDelay{50};
-
 // What a guest asks for at a time, zeros apart.
 constexpr std::uint32_t kMostReadBack = 32U << 20U;
 
@@ -122,6 +113,7 @@ std::string LiveSource::OpenVolumes(const SourceState& state) {
     m_volumes.push_back(std::move(volume));
   }
   m_capture = std::make_unique<Capture>(capture);
+  m_pacer = std::make_unique<Pacer>(m_writeMemory);
   m_payloads = std::make_unique<PayloadPool>(
       std::clamp<std::uint64_t>(m_options.memory / kSlabPart, kMinSlab, kMaxSlab),
       m_options.memory);
@@ -273,27 +265,12 @@ int LiveSource::Read(std::size_t volume, std::uint64_t offset, std::span<std::ui
   return fault.empty() ? 0 : ErrnoOf(fault);
 }
 
-// Beyond three quarters of the memory for writes each write waits, the longer the less is left, so
-// that a guest is slowed down to what the link and the spool take, and the backlog need not be
-// given up: for as long as it took when half of the last quarter is used, nine times that at nine
-// tenths of it. It is bounded: what can't be carried off even so is given up. Where nothing takes
-// anything it is no use.
-void LiveSource::Delay(Clock::time_point begin, std::uint64_t bytes) const {
-  const std::uint64_t used = m_capture->BytesHeld();
-  const std::uint64_t part = m_writeMemory / 4;
-  if (used <= 3 * part || !m_capture->Drains()) return;
-  // Of this thread: what was too short to be waited for.
-  thread_local std::chrono::nanoseconds owed{0};
-  const auto parts = static_cast<std::int64_t>(1 + bytes / kDelayPart);
-  const std::chrono::milliseconds longest = std::min(kDelay * parts, kLongestDelay);
-  const std::uint64_t share = std::min(used - 3 * part, part - 1);
-  const auto wanted = static_cast<double>((Clock::now() - begin).count()) *
-                      static_cast<double>(share) / static_cast<double>(part - share);
-  owed = std::min<std::chrono::nanoseconds>(
-      owed + std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(wanted, 1e9))), longest);
-  if (owed < kLeastDelay) return;
-  std::this_thread::sleep_for(owed);
-  owed = std::chrono::nanoseconds{0};
+// Where nothing takes anything away it is no use.
+void LiveSource::Delay(std::uint64_t bytes) {
+  if (!m_capture->Drains()) return;
+  const Clock::duration wait =
+      m_pacer->Wait(bytes, m_capture->BytesTaken(), m_capture->BytesHeld(), Clock::now());
+  if (wait > Clock::duration{}) std::this_thread::sleep_for(wait);
 }
 
 // A volume that refused a write may have taken a part of it. Makes `write` what is there now, for
@@ -339,7 +316,7 @@ int LiveSource::Carry(std::size_t index, CapturedWrite write, bool sync, Clock::
       m_runner->With([](SourceEngine& engine, const Moment& now) { engine.CloseDataset(now); });
     });
   }
-  Delay(begin, bytes);
+  Delay(bytes);
   m_latency.Add(Clock::now() - begin - own);
   if (fault.empty() && sync) return Flush(index);
   if (!fault.empty()) Log(Severity::kError, fault);

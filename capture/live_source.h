@@ -16,6 +16,7 @@
 
 #include "capture/control.h"
 #include "capture/disk_store.h"
+#include "capture/pacer.h"
 #include "capture/payload_pool.h"
 #include "engine/capture.h"
 #include "replicator/event_loop.h"
@@ -87,7 +88,7 @@ class LiveSource {
   int Carry(std::size_t index, CapturedWrite write, bool sync, Clock::time_point begin,
             const Change& change);
   static bool ReadBack(const VolumeFile& file, CapturedWrite& write);
-  void Delay(Clock::time_point begin, std::uint64_t bytes) const;
+  void Delay(std::uint64_t bytes);
   std::string ServeMetrics();
   void TrimPayloads();
   void Changed();
@@ -99,6 +100,7 @@ class LiveSource {
   std::vector<std::unique_ptr<LiveVolume>> m_volumes;
   std::unique_ptr<Capture> m_capture;
   std::unique_ptr<PayloadPool> m_payloads;
+  std::unique_ptr<Pacer> m_pacer;
   GuestLatency m_latency;
   std::shared_ptr<DiskStore> m_store;
   SourceConfig m_config;

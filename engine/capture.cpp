@@ -46,7 +46,9 @@ bool Capture::Captured(CapturedWrite write) {
     return false;
   }
   map.End(write.offset, write.length, m_open);
-  m_held += (write.data ? write.length : 0) + kWriteOverhead;
+  const std::uint64_t bytes = (write.data ? write.length : 0) + kWriteOverhead;
+  m_held += bytes;
+  m_taken += bytes;
   m_writes.push_back(std::move(write));
   if (Planted(Fault::kCaptureOrder) && m_writes.size() > 1) {
     std::swap(m_writes.back(), m_writes[m_writes.size() - 2]);
@@ -55,7 +57,10 @@ bool Capture::Captured(CapturedWrite write) {
     LoseLocked();
     return true;
   }
-  const bool isFirst = m_held >= m_options.datasetBytes && !m_closeWanted;
+  // Where much waits to leave, smaller ones leave memory more evenly.
+  const bool isTight = BytesHeld() > m_options.memory / 2;
+  const std::uint64_t enough = isTight ? m_options.datasetBytes / 4 : m_options.datasetBytes;
+  const bool isFirst = m_held >= enough && !m_closeWanted;
   m_closeWanted = m_closeWanted || isFirst;
   return isFirst;
 }
@@ -98,6 +103,8 @@ void Capture::Saved(std::uint8_t volume, std::uint64_t generation) {
 std::uint64_t Capture::BytesHeld() const {
   return m_held.load(std::memory_order_relaxed) + m_carried.load(std::memory_order_relaxed);
 }
+
+std::uint64_t Capture::BytesTaken() const { return m_taken.load(std::memory_order_relaxed); }
 
 std::uint64_t Capture::MemoryUsed() const {
   return BytesHeld() + m_comparing.load(std::memory_order_relaxed);

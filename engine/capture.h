@@ -80,6 +80,7 @@ class Capture : public SourceFeed {
 
   // These take no lock.
   std::uint64_t BytesHeld() const;   // of writes, the engine's included
+  std::uint64_t BytesTaken() const;  // of writes that were ever held
   std::uint64_t MemoryUsed() const;  // comparisons included
   bool Drains() const { return m_drains.load(std::memory_order_relaxed); }  // see Carried
   std::uint64_t Writes() const;
@@ -123,6 +124,7 @@ class Capture : public SourceFeed {
   bool m_recording = false;
   std::vector<CapturedWrite> m_writes;
   std::atomic<std::uint64_t> m_held{0};     // changed under the lock
+  std::atomic<std::uint64_t> m_taken{0};    // likewise
   std::atomic<std::uint64_t> m_carried{0};  // by the engine
   std::atomic<std::uint64_t> m_comparing{0};
   std::atomic<bool> m_drains{false};

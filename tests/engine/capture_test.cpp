@@ -273,8 +273,17 @@ TEST_F(CaptureTest, ADatasetThatHoldsEnoughIsToBeClosedAndThatIsSaidOnce) {
   EXPECT_TRUE(Write(0, 16 * 1024));
   EXPECT_FALSE(Write(0, 100)) << "it was said";
   Take(1);
+  m_capture->Carried(0, 0, true);
   EXPECT_FALSE(Write(0, 16 * 1024));
   EXPECT_TRUE(Write(0, 16 * 1024)) << "of the next one";
+}
+
+TEST_F(CaptureTest, BeyondHalfOfTheMemoryAQuarterIsEnough) {
+  Begin();
+  m_capture->Carried(m_options.memory / 2, 0, true);
+  EXPECT_FALSE(Write(0, 4 * 1024));
+  EXPECT_TRUE(Write(0, 4 * 1024));
+  EXPECT_FALSE(Write(0, 16 * 1024)) << "it was said";
 }
 
 TEST_F(CaptureTest, WhatNobodyTakesIsGivenUpWhenTheMemoryIsFull) {
