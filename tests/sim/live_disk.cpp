@@ -19,6 +19,12 @@ void LiveNode::BreakSector() {
   const std::uint64_t size = m_options.volumes[bad.volume].size;
   bad.offset = m_world.rng.Below(size);
   bad.length = std::min<std::uint64_t>(size - bad.offset, m_world.rng.Between(1, 20'000));
+  if (m_engine && !m_capture->m_writes.empty() && m_world.rng.Chance(0.5)) {
+    // Under a write that was captured and is not sent yet: the guest writes there again.
+    const CapturedWrite& last = m_capture->m_writes.back();
+    bad = {last.volume, last.offset, last.length};
+    m_again = bad;
+  }
   m_world.Log("source: can't get at v" + std::to_string(bad.volume) + " " +
               std::to_string(bad.offset) + " + " + std::to_string(bad.length));
   m_bad = bad;
@@ -40,8 +46,12 @@ bool LiveNode::EndRefused(const Op& op, CapturedWrite& write) {
   m_world.Log("source: refuses v" + std::to_string(op.volume) + " " + std::to_string(op.offset) +
               " + " + std::to_string(op.length));
   ++refused;
-  m_left.push_back({op.volume, op.offset, {data.get(), data.get() + op.length}});
+  m_left.push_back({op.volume,
+                    op.offset,
+                    {data.get(), data.get() + op.length},
+                    m_stamp + m_capture->m_writes.size()});
   m_capture->Failed(op.volume, op.offset, op.length);
+  if (m_world.rng.Chance(0.3)) MendSector();  // a cable, say: what was captured before still waits
   return false;
 }
 
@@ -52,6 +62,26 @@ void LiveNode::PatchLeft(const CapturedWrite& write) {
     const std::uint64_t end = std::min(left.offset + left.data.size(), write.offset + write.length);
     for (std::uint64_t at = begin; at < end; ++at) {
       left.data[at - left.offset] = write.data ? write.data.get()[at - write.offset] : 0;
+    }
+  }
+}
+
+// Whether it is still to be compared, whatever else reads it.
+bool LiveNode::IsRefused(const Left& left) const {
+  const auto next = m_capture->NextRefused(left.volume, left.offset, 1);
+  return next.length > 0 && next.offset < left.offset + left.data.size();
+}
+
+// A write that is in a dataset. What was refused after it and is compared already stays.
+void LiveNode::Take(const TakenWrite& taken) {
+  const CapturedWrite& write = taken.write;
+  Apply(m_taken, write);
+  for (const Left& left : m_left) {
+    if (left.volume != write.volume || taken.stamp >= left.stamp || IsRefused(left)) continue;
+    const std::uint64_t begin = std::max(left.offset, write.offset);
+    const std::uint64_t end = std::min(left.offset + left.data.size(), write.offset + write.length);
+    for (std::uint64_t at = begin; at < end; ++at) {
+      m_taken[left.volume][at] = left.data[at - left.offset];
     }
   }
 }
@@ -68,7 +98,7 @@ void LiveNode::SeeLeft(const FetchWindow& command, std::uint64_t n) {
     }
   }
   for (auto place = m_takenBy.upper_bound(n); place != m_takenBy.end(); ++place) {
-    Apply(m_taken, place->second);
+    Take(place->second);
   }
 }
 

@@ -37,6 +37,11 @@ void LiveNode::Write() {
   if (aligned) op.offset &= ~std::uint64_t{4095};
   op.length = std::min<std::uint64_t>(
       size - op.offset, aligned ? 4096 * m_world.rng.Between(1, 3) : m_world.rng.Between(1, 9000));
+  if (const auto again = std::exchange(m_again, std::nullopt)) {
+    op.volume = again->volume;
+    op.offset = again->offset;
+    op.length = again->length;
+  }
   if (Overlaps(op.volume, op.offset, op.length)) return;
   if (!m_world.rng.Chance(0.2)) {
     op.data.resize(op.length);

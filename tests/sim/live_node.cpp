@@ -239,6 +239,8 @@ void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
   m_node.m_world.Log("source: records from " + std::to_string(m_node.m_engine->m_last) + " on");
   m_node.m_taken = m_node.m_live;
   m_node.m_takenBy.clear();
+  m_node.m_stamp = 0;
+  for (Left& left : m_node.m_left) left.stamp = 0;
   // The points of what the spool had are known from the life before.
   m_node.m_closed = m_node.m_engine->m_last;
 }
@@ -246,8 +248,7 @@ void LiveNode::Watched::Begin(const std::vector<bool>& whole) {
 void LiveNode::Watched::TakeWrites(std::uint64_t n, std::vector<CapturedWrite>& out) {
   Capture::TakeWrites(n, out);
   for (const CapturedWrite& write : out) {
-    m_node.Apply(m_node.m_taken, write);
-    m_node.m_takenBy.emplace(n, write);
+    m_node.Take(m_node.m_takenBy.emplace(n, TakenWrite{write, m_node.m_stamp++})->second);
   }
   auto taken = m_node.m_taken;
   // Of these ranges only the volume knows what it holds.

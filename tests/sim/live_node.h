@@ -101,6 +101,11 @@ class LiveNode {
     std::uint8_t volume = 0;
     std::uint64_t offset = 0;
     std::vector<std::uint8_t> data;
+    std::uint64_t stamp = 0;  // writes of this recording that were captured before it
+  };
+  struct TakenWrite {
+    CapturedWrite write;
+    std::uint64_t stamp = 0;  // likewise
   };
   // What the process keeps on its disk beside maps and spool: replaced as a whole.
   struct State {
@@ -126,6 +131,8 @@ class LiveNode {
   bool EndRefused(const Op& op, CapturedWrite& write);
   bool IsBad(std::uint8_t volume, std::uint64_t offset, std::uint64_t length) const;
   void PatchLeft(const CapturedWrite& write);
+  bool IsRefused(const Left& left) const;
+  void Take(const TakenWrite& taken);
   void SeeLeft(const FetchWindow& command, std::uint64_t n);
   IoStatus SyncVolume(std::size_t index);
   IoStatus SyncMap(std::uint8_t volume);
@@ -160,14 +167,16 @@ class LiveNode {
   std::vector<bool> m_saving;  // by volume
   std::multimap<std::uint8_t, std::pair<std::uint64_t, std::function<void()>>> m_waiting;
   std::optional<Bad> m_bad;
+  std::optional<Bad> m_again;  // where the guest's next write goes
   std::vector<Left> m_left;
   std::set<std::size_t> m_unsynced;  // volumes: a sync of this process failed
   std::set<std::uint8_t> m_mapGone;  // a map that could not be written, and was removed
   Millis m_spoolFree = 0;            // when the spool's last command ends
 
-  std::vector<std::vector<std::uint8_t>> m_live;          // with every captured write
-  std::vector<std::vector<std::uint8_t>> m_taken;         // with every write that is in a dataset
-  std::multimap<std::uint64_t, CapturedWrite> m_takenBy;  // by dataset, of this history
+  std::vector<std::vector<std::uint8_t>> m_live;       // with every captured write
+  std::vector<std::vector<std::uint8_t>> m_taken;      // with every write that is in a dataset
+  std::multimap<std::uint64_t, TakenWrite> m_takenBy;  // by dataset, of this history
+  std::uint64_t m_stamp = 0;                           // writes taken, of this recording
   std::uint64_t m_closed = 0;
   // By number. Those of a backlog that was given up stay: a crash can bring its spool back, and a
   // number is not used again before that is impossible.
