@@ -22,13 +22,14 @@ using Seconds = std::chrono::duration<double>;
 void Pacer::Learn(std::uint64_t left, Clock::time_point now) {
   if (m_count > 0) {
     const Sample& newest = m_samples.at(m_count - 1);
-    // The counts may come out of order.
-    if (now - newest.at > kIdle || left < newest.left) m_count = 0;
+    if (now - newest.at > kIdle) m_count = 0;
   }
   if (m_count > 0) {
     if (now - m_samples.at(m_count - 1).at < kStep) return;
     const Sample& oldest = m_samples.front();
-    m_rate = std::max(static_cast<double>(left - oldest.left) / Seconds(now - oldest.at).count(),
+    // The counts of the threads come a little out of order.
+    const auto bytes = static_cast<double>(left - std::min(left, oldest.left));
+    m_rate = std::max(bytes / Seconds(now - oldest.at).count(),
                       static_cast<double>(m_memory) / kSlowest);
   }
   if (m_count == m_samples.size()) {

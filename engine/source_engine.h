@@ -288,6 +288,7 @@ class SourceEngine {
   void StepSpool(const Moment& now);
   bool IsSpoolDue(const Moment& now);
   bool DrainsBacklog() const;
+  bool IsBehindComparison() const;
   void CheckKept();
   Cursors::const_iterator FirstUnspooled() const;
   void SpoolOne(std::uint64_t n, Cursor& cursor);

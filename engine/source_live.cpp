@@ -123,7 +123,10 @@ void SourceEngine::StepSpool(const Moment& now) {
   if (m_config.feed == nullptr || !m_pipe) return;
   if (!m_config.feed->IsRecording() ||
       m_normalBytes > m_config.liveMemory + m_config.datasetBytes) {
-    return Overflow("its memory is full", now);
+    const bool isBehind = m_config.spoolBytes > 0 && IsBehindComparison();
+    return Overflow(isBehind ? "its memory is full, behind a comparison that no spool can keep"
+                             : "its memory is full",
+                    now);
   }
   if (m_config.spoolBytes == 0) {
     if (m_normalBytes > m_config.liveMemory) Overflow("its memory is full, without a spool", now);
@@ -132,7 +135,7 @@ void SourceEngine::StepSpool(const Moment& now) {
   if (!IsSpoolDue(now) || m_spoolJob != 0 || m_spoolDropping) return;
   const auto next = FirstUnspooled();
   // A resync dataset can't be kept; what follows it has to wait.
-  if (next == m_cursors.end() || next->second.ds->IsFingerprinted()) return;
+  if (next == m_cursors.end() || IsBehindComparison()) return;
   Cursor& cursor = m_cursors.at(next->first);
   if (!TakeUnits(cursor)) return;
   std::uint64_t bytes = 0;
@@ -165,8 +168,12 @@ bool SourceEngine::IsSpoolDue(const Moment& now) {
 bool SourceEngine::DrainsBacklog() const {
   if (m_status.phase == SourcePhase::kOnline) return true;
   if (m_config.spoolBytes == 0 || m_status.phase == SourcePhase::kStopped) return false;
+  return !IsBehindComparison();
+}
+
+bool SourceEngine::IsBehindComparison() const {
   const auto next = FirstUnspooled();
-  return next == m_cursors.end() || !next->second.ds->IsFingerprinted();
+  return next != m_cursors.end() && next->second.ds->IsFingerprinted();
 }
 
 SourceEngine::Cursors::const_iterator SourceEngine::FirstUnspooled() const {

@@ -87,6 +87,11 @@ TEST(LiveStates, ASourceThatRecordsIsToldByItsWorstTrouble) {
   EXPECT_EQ(StateOf(status, true), LiveState::kReplicating);
   status.spooledDatasets = 1;
   EXPECT_EQ(StateOf(status, true), LiveState::kSpooling);
+  status.syncedAt = 8;
+  status.applied = 7;
+  EXPECT_EQ(StateOf(status, true), LiveState::kResyncing) << "the copy is no point yet";
+  status.applied = 8;
+  EXPECT_EQ(StateOf(status, true), LiveState::kSpooling);
   status.resyncing = true;
   EXPECT_EQ(StateOf(status, true), LiveState::kResyncing);
   EXPECT_EQ(StateOf(status, false), LiveState::kTrackingOnly);

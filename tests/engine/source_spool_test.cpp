@@ -100,6 +100,18 @@ TEST_F(SourceSpool, ItIsKnownWhetherTheBacklogGetsLess) {
   EXPECT_TRUE(m_capture->Drains()) << "the spool takes it";
 }
 
+TEST_F(SourceSpool, WhatWaitsBehindAComparisonSaysSoWhenItIsGivenUp) {
+  m_capture->LoadNothing(0);
+  Online();
+  Away();
+  Fill(5);
+  EXPECT_EQ(Asked(), "");
+  m_capture->Lose();
+  m_engine->Tick(m_now);
+  EXPECT_EQ(Status().lastOverflow,
+            "its memory is full, behind a comparison that no spool can keep");
+}
+
 TEST_F(SourceSpool, WithoutASpoolAndALinkTheBacklogStays) {
   m_config.spoolBytes = 0;
   Online();
