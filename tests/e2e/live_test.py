@@ -180,6 +180,7 @@ class Live(Rig):
             served = self.serve(address, *SMALL, "--nbd", at)
             idle = served.guest("v")
             idle.pwrite(self.random.randbytes(BLOCK), 0)
+            served.wait_state("replicating")  # one that has no target yet does not wait for it
             self.assertEqual(served.end(), 0)
             self.assertIn("stopped; the target has everything", served.said())
             self.assertTrue(self.read("v.img") == self.copy())
