@@ -16,6 +16,7 @@ import random
 import statistics
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
@@ -323,6 +324,18 @@ def parse():
     return args
 
 
+def new_file_rate(folder, size):
+    """Bytes a second. In RAM it is the machine's price of fresh memory: high in a virtual one that
+    hands back what it does not use."""
+    piece = bytes(MIB)
+    with tempfile.TemporaryFile(dir=folder) as file:
+        begin = time.monotonic()
+        for _ in range(size // MIB):
+            file.write(piece)
+        file.flush()
+        return size / (time.monotonic() - begin)
+
+
 def measure(args, rig):
     programs = find_programs(args.build, ("qemu-storage-daemon", "fio"))
     if "fio" not in programs:
@@ -333,6 +346,8 @@ def measure(args, rig):
           f"Folder: {args.dir} ({file_system(args.dir)}). TCP congestion control:"
           f" {rig.congestion}.", flush=True)
     demand_room(args.dir, 6 * args.size, "a volume with its copy and spool")
+    print(f"A new file there gets {new_file_rate(args.dir, 2 * GIB) / GIB:.1f} GiB/s, which bounds the"
+          " spool and the target's journal.", flush=True)
     bench = Bench(args, programs, rig)
     try:
         for name in args.only:

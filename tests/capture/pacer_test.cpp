@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <utility>
 
 namespace penstock {
 namespace {
@@ -21,7 +24,7 @@ class PacerTest : public testing::Test {
  protected:
   // A write, when so much is held and so much has left.
   Pacer::Clock::duration Wait(std::uint64_t bytes, std::uint64_t held, std::uint64_t left = 0) {
-    return m_pacer.Wait(bytes, held + left, held, m_now);
+    return m_pacer->Wait(bytes, held + left, held, m_now);
   }
   // One thread writes as fast as it may, while `rate` bytes a second leave, by `piece` at a time.
   // Returns the bytes a second that it wrote in the second half of the time.
@@ -34,7 +37,7 @@ class PacerTest : public testing::Test {
       const double due = rate * std::chrono::duration<double>(m_now - begin).count();
       m_left = std::min(m_taken, static_cast<std::uint64_t>(due) / piece * piece);
       m_most = std::max(m_most, m_taken - m_left);
-      const auto wait = m_pacer.Wait(bytes, m_taken, m_taken - m_left, m_now);
+      const auto wait = m_pacer->Wait(bytes, m_taken, m_taken - m_left, m_now);
       m_longest = std::max(m_longest, wait);
       m_now += own + wait;
       if (m_now < begin + time / 2) half = m_taken;
@@ -42,7 +45,7 @@ class PacerTest : public testing::Test {
     return static_cast<double>(m_taken - half) / std::chrono::duration<double>(time / 2).count();
   }
 
-  Pacer m_pacer{kMemory};
+  std::optional<Pacer> m_pacer{std::in_place, kMemory};
   Pacer::Clock::time_point m_now{1h};
   std::uint64_t m_taken = 0;
   std::uint64_t m_left = 0;
@@ -105,8 +108,7 @@ TEST_F(PacerTest, WhatIsTooShortToBeWaitedForIsNotForgotten) {
 TEST_F(PacerTest, AGuestGetsWhatLeaves) {
   for (const double rate : {30e6, 100e6, 400e6, 1500e6}) {
     for (const std::uint64_t bytes : {std::uint64_t{4096}, 64 * 1024UL, kMib}) {
-      m_pacer.~Pacer();
-      new (&m_pacer) Pacer(kMemory);
+      m_pacer.emplace(kMemory);
       m_taken = m_left = m_most = 0;
       const auto own = std::chrono::nanoseconds(bytes / 3);  // 3 GB/s
       const double got = Drive(rate, bytes, 16 * kMib, 8s, own);
@@ -118,10 +120,10 @@ TEST_F(PacerTest, AGuestGetsWhatLeaves) {
 
 TEST_F(PacerTest, WhatLeavesIsLearntAnew) {
   Drive(400e6, 64 * 1024, 16 * kMib, 4s);
-  EXPECT_NEAR(m_pacer.Rate() / 400e6, 1.0, 0.2);
+  EXPECT_NEAR(m_pacer->Rate() / 400e6, 1.0, 0.2);
   m_taken = m_left = 0;
   Drive(100e6, 64 * 1024, 16 * kMib, 4s);
-  EXPECT_NEAR(m_pacer.Rate() / 100e6, 1.0, 0.3);
+  EXPECT_NEAR(m_pacer->Rate() / 100e6, 1.0, 0.3);
 }
 
 // What a guest writes that is not slowed down says nothing of what the link could take.
@@ -130,7 +132,7 @@ TEST_F(PacerTest, WithLittleInMemoryNothingIsLearnt) {
     Wait(4096, kMemory / 2, static_cast<std::uint64_t>(i) * 4096);
     m_now += 20ms;
   }
-  EXPECT_EQ(m_pacer.Rate(), static_cast<double>(kMemory));
+  EXPECT_EQ(m_pacer->Rate(), static_cast<double>(kMemory));
 }
 
 TEST_F(PacerTest, ALinkThatStandsStillIsNoneOfZero) {
@@ -138,7 +140,7 @@ TEST_F(PacerTest, ALinkThatStandsStillIsNoneOfZero) {
     EXPECT_LE(Wait(kMib, kMemory / 8 * 7), Pacer::kLongest);
     m_now += 20ms;
   }
-  EXPECT_EQ(m_pacer.Rate(), static_cast<double>(kMemory) / 64);
+  EXPECT_EQ(m_pacer->Rate(), static_cast<double>(kMemory) / 64);
 }
 
 }  // namespace
