@@ -346,8 +346,9 @@ def measure(args, rig):
           f"Folder: {args.dir} ({file_system(args.dir)}). TCP congestion control:"
           f" {rig.congestion}.", flush=True)
     demand_room(args.dir, 6 * args.size, "a volume with its copy and spool")
-    print(f"A new file there gets {new_file_rate(args.dir, 2 * GIB) / GIB:.1f} GiB/s, which bounds the"
-          " spool and the target's journal.", flush=True)
+    rate = new_file_rate(args.dir, 2 * args.size) / GIB  # within the room just demanded
+    print(f"A new file there gets {rate:.1f} GiB/s, which bounds the spool and the target's journal.",
+          flush=True)
     bench = Bench(args, programs, rig)
     try:
         for name in args.only:
