@@ -206,7 +206,7 @@ void LiveSource::TryStop() {
   if (!m_stopping || m_stopped) return;
   const SourceStatus& status = m_runner->Engine().Status();
   const bool isSpooled = status.phase != SourcePhase::kOnline && m_capture->MemoryUsed() == 0 &&
-                         !m_runner->Engine().IsSpooling();
+                         !m_runner->Engine().IsStoring();
   if (!status.isFinished && !isSpooled && status.phase != SourcePhase::kStopped &&
       m_loop->NowMs() < m_stopBy) {
     return;

@@ -192,7 +192,8 @@ class SourceEngine {
   // Everything closed is flushed, and no pass is wanted or under way.
   bool IsSettled() const;
   std::uint64_t MemoryUsed() const { return m_reserved + m_normalBytes; }
-  bool IsSpooling() const { return m_spoolJob != 0; }  // a dataset is being written
+  // A dataset, the epoch or marks are on their way to the disk: KeptUpTo may say more soon.
+  bool IsStoring() const { return m_spoolJob != 0 || m_clearing != Clearing::kNo; }
   // Of a source with a feed that is about to end: all that was captured is in datasets up to the
   // one that is returned, and each of these is at the target, durably, or in the spool. For the
   // `kept` of the next process, once the volumes are synced. Nothing: something is only marked.

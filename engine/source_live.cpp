@@ -354,7 +354,8 @@ void SourceEngine::StepCheckpoint(const Moment& now) {
   if (ends) m_config.feed->Cool();
   const std::size_t cold = m_config.feed->ColdExtents();
   const bool isDue = now.steady >= m_checkpointAt && cold > 0;
-  const bool isNew = m_knownEpoch != m_status.epoch && now.steady >= m_checkpointAt;
+  const bool isNew =
+      m_knownEpoch != m_status.epoch && (m_finishing || now.steady >= m_checkpointAt);
   if (!ends && !isNew && !isDue && cold < m_config.clearExtents) return;
   if (!ends && now.steady < m_checkpointAt && m_checkpointFailed) return;
   m_config.feed->BeginClear();

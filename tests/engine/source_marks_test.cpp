@@ -179,6 +179,38 @@ TEST_F(SourceLive, FinishTriesAtOnceWhatFailedBefore) {
   EXPECT_EQ(Asked(), "checkpoint 1");
 }
 
+// Without it the next process could follow nothing of what is kept here.
+TEST_F(SourceLive, FinishTriesANewEpochAtOnceAlsoWithoutTheTarget) {
+  m_config.epoch = 0;
+  Online();
+  Answer<SaveMaps>();
+  Answer<Checkpoint>(IoStatus::kFailed);
+  m_engine->ConnClosed(m_conn, "reset", m_now);
+  Out();
+  EXPECT_FALSE(m_engine->IsStoring());
+  m_engine->Finish(m_now);
+  Out();
+  ASSERT_EQ(Asked(), "checkpoint 0");
+  EXPECT_TRUE(m_engine->IsStoring()) << "the host has to wait for it";
+  Answer<Checkpoint>();
+  EXPECT_TRUE(m_engine->IsStoring());
+  Answer<SaveMaps>();
+  EXPECT_FALSE(m_engine->IsStoring());
+  EXPECT_FALSE(Status().isFinished) << "the target was not reached";
+}
+
+TEST_F(SourceLive, FinishTriesANewEpochOnce) {
+  m_config.epoch = 0;
+  Online();
+  Answer<SaveMaps>();
+  m_engine->ConnClosed(m_conn, "reset", m_now);
+  m_engine->Finish(m_now);
+  Out();
+  Answer<Checkpoint>(IoStatus::kFailed);
+  EXPECT_EQ(Asked(), "");
+  EXPECT_FALSE(m_engine->IsStoring()) << "nothing holds the end up";
+}
+
 TEST_F(SourceLive, FinishComesAfterAClearingThatIsUnderWay) {
   Online();
   Guest(0);

@@ -229,11 +229,11 @@ TEST_F(SourceSpool, WhatIsKeptAtTheEndIsKnownOnceAllOfItIs) {
   Work();
   for (std::uint64_t n = 1; n <= 3; ++n) {
     ASSERT_EQ(Asked(), "spool " + Number(n)) << "an empty one, too";
-    EXPECT_TRUE(m_engine->IsSpooling());
+    EXPECT_TRUE(m_engine->IsStoring());
     EXPECT_EQ(m_engine->KeptUpTo(), std::nullopt);
     Stored();
   }
-  EXPECT_FALSE(m_engine->IsSpooling());
+  EXPECT_FALSE(m_engine->IsStoring());
   EXPECT_EQ(m_engine->KeptUpTo(), 3U);
   m_capture->BeginWrite(0, 0, 4096);
   m_capture->Failed(0, 0, 4096);
